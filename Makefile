@@ -1,0 +1,55 @@
+# One-command entry points; see README.md.
+#   make test   install what is missing, build, run the suite: plain, then
+#               AddressSanitizer+UBSan, then ThreadSanitizer (runtime library)
+#   make demo   install, build and run the daemon on a simulated device and cloud
+#   make build  plain build and its install tree (build/stage/usr)
+#   make bench  benchmarks (build-bench/), figures in bench/README.md
+JOBS ?= $(shell nproc)
+CMAKE_GEN := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
+CTEST := ctest --output-on-failure -j$(JOBS)
+
+.PHONY: all deps build build-asan build-tsan test test-plain test-asan test-tsan demo bench clean
+
+all: build
+
+deps:
+	@scripts/install-deps
+
+build/build.ninja build/Makefile:
+	cmake -S . -B build $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+build: deps build/build.ninja
+	cmake --build build -j$(JOBS)
+	cmake --install build --prefix build/stage/usr >/dev/null
+
+build-asan: deps
+	cmake -S . -B build-asan $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DNMS_SANITIZE=asan
+	cmake --build build-asan -j$(JOBS)
+
+build-tsan: deps
+	cmake -S . -B build-tsan $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DNMS_SANITIZE=tsan
+	cmake --build build-tsan -j$(JOBS)
+
+test-plain: build
+	cd build && $(CTEST)
+
+test-asan: build-asan
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 $(CTEST)
+
+test-tsan: build-tsan
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(CTEST) -L tsan
+
+test: test-plain test-asan test-tsan
+
+demo: build
+	scripts/demo
+
+bench: deps
+	cmake -S . -B build-bench $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DNMS_BUILD_BENCH=ON
+	cmake --build build-bench -j$(JOBS)
+	cmake --install build-bench --prefix build-bench/stage/usr >/dev/null
+	scripts/bench build-bench
+
+clean:
+	rm -rf build build-asan build-tsan build-bench

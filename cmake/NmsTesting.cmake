@@ -1,0 +1,47 @@
+# Helpers to declare tests the same way in every folder.
+#
+#   nms_unit_test(NAME <target> LABEL <folder> SOURCES <files...> LIBS <targets...>
+#                 [TSAN] [TIMEOUT <s>])
+#     A GoogleTest binary whose cases CTest discovers when the suite runs.
+#     Labels: "unit" and the folder's name; TSAN adds "tsan", which selects the
+#     tests that the ThreadSanitizer run of `make test` executes.
+#
+#   nms_sandbox_test(NAME <target> SOURCES <files...> LIBS <targets...>
+#                    [SERVICES "<list>"] [TIMEOUT <s>] [LABELS <labels...>])
+#     A GoogleTest binary that runs inside scripts/sandbox, one sandbox per test
+#     case, over the staged install tree. SERVICES (space separated) names the
+#     services the sandbox starts before the test; default: all that are installed.
+
+function(nms_unit_test)
+  cmake_parse_arguments(T "TSAN" "NAME;LABEL;TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 120)
+  endif()
+  set(labels "unit;${T_LABEL}")
+  if(T_TSAN)
+    list(APPEND labels tsan)
+  endif()
+  add_executable(${T_NAME} ${T_SOURCES})
+  target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} GTest::gtest GTest::gtest_main
+    GTest::gmock Threads::Threads nms_warnings)
+  gtest_discover_tests(${T_NAME} DISCOVERY_MODE PRE_TEST
+    PROPERTIES LABELS "${labels}" TIMEOUT ${T_TIMEOUT})
+endfunction()
+
+function(nms_sandbox_test)
+  cmake_parse_arguments(T "" "NAME;SERVICES;TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 180)
+  endif()
+  add_executable(${T_NAME} ${T_SOURCES})
+  # nms_itest brings main(): listing runs plainly, every other run re-executes
+  # the binary inside scripts/sandbox, so each case gets a sandbox of its own.
+  target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} nms_itest nms_warnings)
+  set(env "NMS_STAGE=${NMS_TEST_STAGE}")
+  if(DEFINED T_SERVICES)
+    list(APPEND env "NMS_SANDBOX_SERVICES=${T_SERVICES}")
+  endif()
+  gtest_discover_tests(${T_NAME} DISCOVERY_MODE PRE_TEST
+    PROPERTIES LABELS "integration;${T_LABELS}" TIMEOUT ${T_TIMEOUT}
+      FIXTURES_REQUIRED nms_stage ENVIRONMENT "${env}")
+endfunction()

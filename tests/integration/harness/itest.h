@@ -1,0 +1,37 @@
+// itest.h - helpers for integration tests that run inside scripts/sandbox.
+//
+// The binary's main() re-executes itself inside a fresh sandbox for every run
+// that is not a listing, so a test body sees the device paths (/tmp, /etc/config,
+// /var/run/ubus.sock, the message queues) of its own private device.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+namespace itest {
+
+struct Result {
+    int status;          // exit status of the command, 128+signal when killed
+    std::string output;  // standard output and standard error, interleaved
+};
+
+// Runs a shell command and collects what it prints.
+Result run(const std::string &cmd);
+
+// Whole content of a file; empty when it cannot be read.
+std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &text);
+bool file_exists(const std::string &path);
+
+// Polls pred every 50 ms until it holds or the time is up; true when it held.
+bool wait_until(const std::function<bool()> &pred,
+                std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+// What the sandbox's processes printed on /dev/console so far.
+std::string console();
+
+// The sandbox's scratch folder (logs of the services it started).
+const char *sandbox_dir();
+
+}  // namespace itest
