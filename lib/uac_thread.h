@@ -1,0 +1,79 @@
+// uac_thread.h - named, detached threads with a registry of what each waits on; clocks.
+#ifndef UAC_THREAD_H
+#define UAC_THREAD_H
+
+#include <pthread.h>
+#include <stdint.h>
+#include <time.h>
+
+#include "uac_list.h"
+
+#ifndef UAC_ATOMIC
+#ifdef __cplusplus
+#include <atomic>
+#define UAC_ATOMIC(T) std::atomic<T>
+#else
+#define UAC_ATOMIC(T) _Atomic(T)
+#endif
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct uac_mutex;
+
+#define UAC_THREAD_NAME_LEN 32         // 31 characters and the terminator
+#define UAC_THREAD_STACK_SIZE 0x10000  // 64 KiB for every thread
+
+typedef void *(*uac_thread_func)(void *arg);
+
+// One per thread started with uac_thread_create; the thread frees it when its entry
+// function returns. ck/ck_cnt are written by the thread itself without a lock and read
+// by the deadlock watch (relaxed atomics); pre_ck/pre_ck_cnt belong to the watch.
+typedef struct uac_thread {
+    uac_thread_func func;
+    char name[UAC_THREAD_NAME_LEN];
+    void *arg;
+    int32_t pid;                           // kernel thread id
+    pthread_t tid;
+    UAC_ATOMIC(struct uac_mutex *) ck;     // mutex waited on now, or null
+    UAC_ATOMIC(uint64_t) ck_cnt;           // changes of ck
+    struct uac_mutex *pre_ck;
+    uint64_t pre_ck_cnt;
+    uac_list_entry node;                   // in the thread registry
+} uac_thread_t;
+
+// Prepares the thread registry; idempotent. Start-up calls it after uac_lock_module_init.
+void uac_thread_module_init(void);
+
+// Starts a detached thread with a 64 KiB stack, named for the kernel (name cut to 31
+// characters; the kernel keeps 15), running entry(arg). 0, or -1 with a "[THREAD_ERR]"
+// message. *tid_out receives the pthread_t.
+int32_t uac_thread_create(pthread_t *tid_out, const char *name, uac_thread_func entry, void *arg);
+
+// Marks the calling thread as waiting on mutex (null: on nothing). Returns its record,
+// or null for a thread not started with uac_thread_create (then nothing is recorded).
+uac_thread_t *uac_thread_pend_mark(struct uac_mutex *mutex);
+
+// Calls fn(record) for every registered thread under the registry lock; null fn does nothing.
+void uac_thread_foreach(void (*fn)(uac_thread_t *record));
+int32_t uac_thread_print(uac_thread_t *record);  // one line; returns 0
+
+// ---- Clocks. Uptime is CLOCK_MONOTONIC, time is CLOCK_REALTIME; they fall back to
+// gettimeofday (time(NULL) for seconds) and never fail.
+uint64_t uac_uptime_us(void);
+uint64_t uac_uptime_ms(void);
+uint64_t uac_time_ms(void);
+int64_t uac_uptime_sec(void);
+
+// Absolute wall-clock deadlines (the POSIX timed waits measure CLOCK_REALTIME):
+// *ts = now + amount. 0, or -1 on a null ts.
+int32_t uac_abstime_after_us(struct timespec *ts, int32_t us);
+int32_t uac_abstime_after_ms(struct timespec *ts, int32_t ms);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif // UAC_THREAD_H
