@@ -1,0 +1,151 @@
+// main.cpp - nms_report start-up: brings the modules up in a fixed order, starts
+// the long-lived threads, registers with the cloud client and parks for ever.
+//
+// A failed step ends start-up at once with -1 (exit status 255); nothing that
+// was started is stopped, the process exit ends it. There is no orderly
+// shutdown: the daemon runs until it is killed.
+#include "event_config.h"
+#include "nms_log.h"
+
+#include "uac_lock.h"
+#include "uac_thread.h"
+#include "uac_timer.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <pthread.h>
+#include <unistd.h>
+
+namespace {
+
+// Fixed line numbers of the start-up failure messages. Support scripts match
+// the printed text, so the numbers stay as they are when this file changes.
+// (maybe_unused: the steps of modules still to come use them.)
+[[maybe_unused]] constexpr int kLineStatsInit = 93;
+[[maybe_unused]] constexpr int kLineEventListInit = 99;
+[[maybe_unused]] constexpr int kLineEventReportInit = 106;
+[[maybe_unused]] constexpr int kLineReportTaskInit = 113;
+[[maybe_unused]] constexpr int kLineMsgHandleInit = 119;
+[[maybe_unused]] constexpr int kLineBusThread = 127;
+constexpr int kLineRegThread = 140;
+
+// The daemon's configuration directories with their save directories, and an
+// empty package file each when none exists yet. (The double blanks are part of
+// the commands as the device's support tools know them.)
+constexpr const char *kMakeEventConfDirs =
+    "mkdir -p  /etc/nms_report; mkdir -p  /etc/nms_report.uci;touch /etc/nms_report/event_report";
+constexpr const char *kMakeStatsConfDirs =
+    "mkdir -p  /tmp/nms_stats_report_cfg; mkdir -p  /tmp/nms_stats_report_cfg.uci;"
+    "touch /tmp/nms_stats_report_cfg/nms_report_stat_cb_cfg";
+
+// Callback commands registered with the cloud client: going online starts
+// reporting, going offline stops it, and the report scripts run on the
+// client's basic and timed reports. The plain and the "intelligent" script
+// commands are both registered for both types, and the trailing blanks inside
+// some commands are part of what the client stores.
+constexpr const char *kCloudRegistrations[] = {
+    "ubus call cloudclient register_cmd_callback '{ \"register_notify_cmd\": \"ubus call "
+    "nms_report_cache begin_report\", \"wait_time\": 0, \"type\": \"online\", "
+    "\"action\":\"add\" }'",
+    "ubus call cloudclient register_cmd_callback '{ \"register_notify_cmd\": \"ubus call "
+    "nms_report_cache stop_report \", \"wait_time\": 0, \"type\": \"offline\", "
+    "\"action\":\"add\" }'",
+    "ubus call cloudclient register_cmd_callback '{ \"register_notify_cmd\": \"lua "
+    "/usr/lib/lua/nms_report/nms_report_call.lua report_basic \", \"wait_time\": 0, "
+    "\"type\": \"report_basic\", \"action\":\"add\" }'",
+    "ubus call cloudclient register_cmd_callback '{ \"register_notify_cmd\": \"lua "
+    "/usr/lib/lua/nms_report/nms_report_call.lua report_basic \", \"wait_time\": 0, "
+    "\"type\": \"timing_report\", \"action\":\"add\" }'",
+    "ubus call cloudclient register_cmd_callback '{ \"register_notify_cmd\": \"lua "
+    "/usr/lib/lua/nms_report/nms_report_call.lua report_basic_intelligent \", "
+    "\"wait_time\": 0, \"type\": \"report_basic\", \"action\":\"add\" }'",
+    "ubus call cloudclient register_cmd_callback '{ \"register_notify_cmd\": \"lua "
+    "/usr/lib/lua/nms_report/nms_report_call.lua report_update_intelligent \", "
+    "\"wait_time\": 0, \"type\": \"timing_report\", \"action\":\"add\" }'",
+};
+
+// Runs a shell command whose outcome does not change what start-up does next.
+void run_ignoring_result(const char *cmd)
+{
+    int rc = system(cmd);
+    (void)rc;
+}
+
+// Registration thread: waits 2 s to give the cloud client (started by the
+// same init run) a chance to be on the bus, registers once and ends. There is
+// no retry: a client that is not there loses the registrations until the
+// daemon starts again. (uac_thread_create has already detached this thread.)
+void *cloudMngtRegThread(void *)
+{
+    sleep(2);
+    for (const char *cmd : kCloudRegistrations)
+        run_ignoring_result(cmd);
+    return nullptr;
+}
+
+}  // namespace
+
+int main()
+{
+    // Before any thread exists: every thread inherits a mask with SIGALRM
+    // blocked, so only the wheel timer's tick thread (which sigwaits) gets it.
+    uac_sigmask_set(SIG_BLOCK, 1, SIGALRM);
+    uac_lock_module_init();
+    uac_thread_module_init();
+
+    // [debug] command socket: jcs_init(), then the three example callbacks of
+    // module "example" (ids 0, 1, 3) through jcs_callback_register().
+
+    // [debug] debug shell: udbg = udbg_init(). When it fails the daemon runs on,
+    // but without the wheel timer, the console, its directories and the list
+    // settings of the block below.
+    int udbg = 0;
+    if (udbg != -1) {
+        uac_timer_init(10);
+        // [debug/event] udbg_help_register("nms_event", "nms_event_debug_help()").
+        set_debug_output("/dev/console", 10);
+        run_ignoring_result(kMakeEventConfDirs);
+        run_ignoring_result(kMakeStatsConfDirs);
+        update_event_list_buf_timer();
+    }
+
+    // [stats] init_statistics_params(); nonzero:
+    //     NMS_LOG_ERROR_AT(kLineStatsInit, "init_statistics_params error."); return -1;
+    // [event] init_event_node_list(); nonzero:
+    //     NMS_LOG_ERROR_AT(kLineEventListInit, "init_event_node_list error."); return -1;
+    // [event] init_nms_event_report(); nonzero:
+    //     NMS_LOG_ERROR_AT(kLineEventReportInit, "init_nms_event_report error."); return -1;
+    // [event] init_nms_event_list_report_task(); nonzero:
+    //     NMS_LOG_ERROR_AT(kLineReportTaskInit, "init_nms_event_list_report_task error.");
+    //     return -1;
+    // [event] init_msg_handle(); nonzero:
+    //     NMS_LOG_ERROR_AT(kLineMsgHandleInit, "init_msg_handle error."); return -1;
+
+    // [debug] command socket servers: jcs_run().
+
+    // [ubus] bus thread: uac_thread_create(&bus_tid, "handlerUbusThread", <bus thread
+    // body>, nullptr); nonzero:
+    //     NMS_LOG_ERROR_AT(kLineBusThread, "ubus pthread_create error."); return -1;
+
+    sleep(2);
+
+    // [ubus] statistics registrations and report status over the bus:
+    //     run_ignoring_result("lua /usr/lib/lua/nms_report/nms_report_reg_init.lua &> /dev/null");
+    //     run_ignoring_result("ubus call cloudclient check_report_message_status "
+    //         "'{\"callback\":\"lua /usr/lib/lua/nms_report/nms_report_call.lua \"}' &> /dev/null");
+
+    pthread_t reg_tid;
+    if (uac_thread_create(&reg_tid, "cloudMngtRegThread", cloudMngtRegThread, nullptr) != 0) {
+        // Written with puts on devices, hence the message's own newline before
+        // the one every log line ends with.
+        NMS_LOG_ERROR_AT(kLineRegThread, "%s\n", "create thread(cloudMngtRegThread) failed!");
+        return -1;
+    }
+
+    // [event] one-second scan: nms_event_begin_scan().
+    // [event] short-link self-test: when /tmp/tmp_nms_event_test_short_link exists,
+    //     eight threads "g_test_short_link_send[i]" running _test_short_link_send.
+
+    for (;;)
+        sleep(60);
+}
