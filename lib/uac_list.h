@@ -5,6 +5,14 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#ifndef UAC_NOEXCEPT
+#ifdef __cplusplus
+#define UAC_NOEXCEPT noexcept
+#else
+#define UAC_NOEXCEPT
+#endif
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -39,24 +47,24 @@ typedef struct uac_list_head {
 // Every operation checks its pointers; a null argument prints a "[UAC_LIST_ERROR]"
 // line (while the list debug switch is on, as it is at start) and changes nothing.
 
-void uac_list_init(uac_list_head *head);
-uac_list_entry *uac_list_first(uac_list_head *head);   // null when empty
-uac_list_entry *uac_list_last(uac_list_head *head);    // null when empty
-uac_list_entry *uac_list_next(uac_list_entry *entry);  // null after the last entry
-uac_list_entry *uac_list_prev(uac_list_entry *entry);  // null before the first entry
-void uac_list_insert_first(uac_list_head *head, uac_list_entry *entry);
-void uac_list_insert_last(uac_list_head *head, uac_list_entry *entry);
-void uac_list_insert_before(uac_list_entry *inlist, uac_list_entry *entry);
-void uac_list_insert_after(uac_list_entry *inlist, uac_list_entry *entry);
+void uac_list_init(uac_list_head *head) UAC_NOEXCEPT;
+uac_list_entry *uac_list_first(uac_list_head *head) UAC_NOEXCEPT;   // null when empty
+uac_list_entry *uac_list_last(uac_list_head *head) UAC_NOEXCEPT;    // null when empty
+uac_list_entry *uac_list_next(uac_list_entry *entry) UAC_NOEXCEPT;  // null after the last entry
+uac_list_entry *uac_list_prev(uac_list_entry *entry) UAC_NOEXCEPT;  // null before the first entry
+void uac_list_insert_first(uac_list_head *head, uac_list_entry *entry) UAC_NOEXCEPT;
+void uac_list_insert_last(uac_list_head *head, uac_list_entry *entry) UAC_NOEXCEPT;
+void uac_list_insert_before(uac_list_entry *inlist, uac_list_entry *entry) UAC_NOEXCEPT;
+void uac_list_insert_after(uac_list_entry *inlist, uac_list_entry *entry) UAC_NOEXCEPT;
 // Unlinks entry; its next, prev and list become null. An entry in no list is left alone.
-void uac_list_remove(uac_list_entry *entry);
-uint32_t uac_list_size(uac_list_head *head);            // 0 on a null head
+void uac_list_remove(uac_list_entry *entry) UAC_NOEXCEPT;
+uint32_t uac_list_size(uac_list_head *head) UAC_NOEXCEPT;            // 0 on a null head
 // Appends every entry of src, in order, to the tail of dst; src ends empty.
-void uac_list_move(uac_list_head *dst, uac_list_head *src);
+void uac_list_move(uac_list_head *dst, uac_list_head *src) UAC_NOEXCEPT;
 
 // The list debug switch (1 at start): 0 silences the null-argument messages.
-void uac_list_debug_set(int32_t on);
-int32_t uac_list_debug_get(void);
+void uac_list_debug_set(int32_t on) UAC_NOEXCEPT;
+int32_t uac_list_debug_get(void) UAC_NOEXCEPT;
 
 #ifdef __cplusplus
 }

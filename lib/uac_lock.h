@@ -19,6 +19,14 @@
 #endif
 #endif
 
+#ifndef UAC_NOEXCEPT
+#ifdef __cplusplus
+#define UAC_NOEXCEPT noexcept
+#else
+#define UAC_NOEXCEPT
+#endif
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -51,48 +59,48 @@ typedef struct uac_cond {
 
 // Prepares the mutex registry; idempotent. Start-up calls it first thing (and
 // uac_mutex_create calls it too, so a forgotten call cannot break the registry).
-void uac_lock_module_init(void);
+void uac_lock_module_init(void) UAC_NOEXCEPT;
 
 // Handle, or null when type > 1, name is null or memory is short.
-uac_mutex_t *uac_mutex_create(const char *name, uint32_t type);
+uac_mutex_t *uac_mutex_create(const char *name, uint32_t type) UAC_NOEXCEPT;
 // Unlinks from the registry, destroys the lock, frees name and record. Does not check
 // that the mutex is free. Null prints "WARNING: Try to destroy NULL mutex.".
-void uac_mutex_destroy(uac_mutex_t *m);
+void uac_mutex_destroy(uac_mutex_t *m) UAC_NOEXCEPT;
 // 0 when taken; -1 on a null handle, a timeout, a busy try (timeout 0) or any error.
-int32_t uac_mutex_take(uac_mutex_t *m, uint32_t timeout_ms);
+int32_t uac_mutex_take(uac_mutex_t *m, uint32_t timeout_ms) UAC_NOEXCEPT;
 // 0 when given; -1 on null, on an unlock error, or when the caller is not the owner
 // (then a warning is printed and the lock stays as it is).
-int32_t uac_mutex_give(uac_mutex_t *m);
+int32_t uac_mutex_give(uac_mutex_t *m) UAC_NOEXCEPT;
 // Copies the record into *out under the registry lock: name is a fresh copy the caller
 // frees with uac_free, the registry entry is cleared and the POSIX lock is not copied.
 // -1 when a pointer is null or m is not in the registry (out is cleared first).
-int32_t uac_mutex_snapshot(uac_mutex_t *m, uac_mutex_t *out);
-int32_t uac_mutex_print(uac_mutex_t *m);  // one line; returns 0
+int32_t uac_mutex_snapshot(uac_mutex_t *m, uac_mutex_t *out) UAC_NOEXCEPT;
+int32_t uac_mutex_print(uac_mutex_t *m) UAC_NOEXCEPT;  // one line; returns 0
 
-uac_cond_t *uac_cond_create(const char *name);   // null on a null name or short memory
-void uac_cond_destroy(uac_cond_t *c);            // null is ignored
+uac_cond_t *uac_cond_create(const char *name) UAC_NOEXCEPT;   // null on a null name or short memory
+void uac_cond_destroy(uac_cond_t *c) UAC_NOEXCEPT;            // null is ignored
 // m must be a normal mutex taken by the caller. 0 when signalled; -1 on a wrong mutex,
 // a timeout or an error. After a timeout the lock is held again but its record says
 // nobody owns it (kept deliberately; the next uac_mutex_give warns and fails).
-int32_t uac_cond_wait(uac_cond_t *c, uac_mutex_t *m, uint32_t timeout_ms);
-int32_t uac_cond_signal(uac_cond_t *c);          // pthread_cond_signal; 0 or -1
-int32_t uac_cond_broadcast(uac_cond_t *c);       // pthread_cond_broadcast; 0 or -1
+int32_t uac_cond_wait(uac_cond_t *c, uac_mutex_t *m, uint32_t timeout_ms) UAC_NOEXCEPT;
+int32_t uac_cond_signal(uac_cond_t *c) UAC_NOEXCEPT;          // pthread_cond_signal; 0 or -1
+int32_t uac_cond_broadcast(uac_cond_t *c) UAC_NOEXCEPT;       // pthread_cond_broadcast; 0 or -1
 
-int32_t uac_sem_take(sem_t *sem, uint32_t timeout_ms);  // 0 when decremented, else -1
-int32_t uac_sem_give(sem_t *sem);                       // sem_post: 0 or -1
+int32_t uac_sem_take(sem_t *sem, uint32_t timeout_ms) UAC_NOEXCEPT;  // 0 when decremented, else -1
+int32_t uac_sem_give(sem_t *sem) UAC_NOEXCEPT;                       // sem_post: 0 or -1
 
 // Builds a set of `count` signals (sig and the ones that follow) and applies it with
 // pthread_sigmask(how, set, NULL); returns its result.
-int uac_sigmask_set(int how, int count, int sig, ...);
+int uac_sigmask_set(int how, int count, int sig, ...) UAC_NOEXCEPT;
 
 // ---- Holder-tag guard around a table lock (the statistics code's lock).
 // A process-wide tag names the holder (low 32 bits of its pthread_t), 0xFFFFFFFF when
 // free. A take that finds another holder's tag, or its own, says so before it waits;
 // the give frees the tag. Both return the result of uac_mutex_take / uac_mutex_give.
 #define UAC_MUTEX_TAG_FREE 0xFFFFFFFFu
-int32_t uac_mutex_tag_take(uac_mutex_t *m, const char *func, int32_t line);
-int32_t uac_mutex_tag_give(uac_mutex_t *m);
-uint32_t uac_mutex_tag_holder(void);   // the current tag
+int32_t uac_mutex_tag_take(uac_mutex_t *m, const char *func, int32_t line) UAC_NOEXCEPT;
+int32_t uac_mutex_tag_give(uac_mutex_t *m) UAC_NOEXCEPT;
+uint32_t uac_mutex_tag_holder(void) UAC_NOEXCEPT;   // the current tag
 #define UAC_MUTEX_TAG_TAKE(m) uac_mutex_tag_take((m), __func__, __LINE__)
 #define UAC_MUTEX_TAG_GIVE(m) uac_mutex_tag_give(m)
 

@@ -4,6 +4,14 @@
 
 #include <stdint.h>
 
+#ifndef UAC_NOEXCEPT
+#ifdef __cplusplus
+#define UAC_NOEXCEPT noexcept
+#else
+#define UAC_NOEXCEPT
+#endif
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -11,20 +19,20 @@ extern "C" {
 // ---- Counting wrappers. The count of live blocks changes only while counting is on
 // (it is off at start and the daemon never turns it on).
 
-void *uac_malloc(int32_t size);                  // null when size < 1
-void *uac_calloc(int32_t count, int32_t size);   // null when size < 1 or count < 1; cleared
+void *uac_malloc(int32_t size) UAC_NOEXCEPT;                  // null when size < 1
+void *uac_calloc(int32_t count, int32_t size) UAC_NOEXCEPT;   // null when size < 1 or count < 1; cleared
 // null ptr and size < 1: null; size < 1: frees ptr, null; null ptr: uac_malloc(size);
 // else realloc (the count is unchanged).
-void *uac_realloc(void *ptr, int32_t size);
-void uac_free(void *ptr);                        // null is fine
+void *uac_realloc(void *ptr, int32_t size) UAC_NOEXCEPT;
+void uac_free(void *ptr) UAC_NOEXCEPT;                        // null is fine
 
-void uac_mem_count_enable(void);
-void uac_mem_count_disable(void);
-int32_t uac_mem_count_get(void);
-void uac_mem_count_reset(void);
+void uac_mem_count_enable(void) UAC_NOEXCEPT;
+void uac_mem_count_disable(void) UAC_NOEXCEPT;
+int32_t uac_mem_count_get(void) UAC_NOEXCEPT;
+void uac_mem_count_reset(void) UAC_NOEXCEPT;
 
-void uac_mem_stats_print(void);   // the system allocator's mallinfo fields, one a line
-void uac_mem_help_print(void);    // what those fields mean
+void uac_mem_stats_print(void) UAC_NOEXCEPT;   // the system allocator's mallinfo fields, one a line
+void uac_mem_help_print(void) UAC_NOEXCEPT;    // what those fields mean
 
 // ---- Guarded allocator. A block is one allocation of size + MEM_GUARD_OVERHEAD bytes:
 //   0   size (u32)  4 line (i32)  8 func[128]  136 head marks  144 data  144+size tail marks
@@ -49,8 +57,8 @@ typedef struct mem_guard_head {
 } mem_guard_head;
 
 // Returns the data pointer (not cleared), or null when memory is short.
-void *mem_guard_alloc(uint32_t size, int32_t line, const char *func);
-void mem_guard_free(void *ptr);   // null is ignored
+void *mem_guard_alloc(uint32_t size, int32_t line, const char *func) UAC_NOEXCEPT;
+void mem_guard_free(void *ptr) UAC_NOEXCEPT;   // null is ignored
 
 // Records the caller's function and line in the block.
 #define MEM_GUARD_ALLOC(size) mem_guard_alloc((uint32_t)(size), __LINE__, __func__)

@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 #include <stdint.h>
+#include <sys/time.h>
 #include <time.h>
 
 #include "uac_list.h"
@@ -14,6 +15,14 @@
 #define UAC_ATOMIC(T) std::atomic<T>
 #else
 #define UAC_ATOMIC(T) _Atomic(T)
+#endif
+#endif
+
+#ifndef UAC_NOEXCEPT
+#ifdef __cplusplus
+#define UAC_NOEXCEPT noexcept
+#else
+#define UAC_NOEXCEPT
 #endif
 #endif
 
@@ -45,32 +54,35 @@ typedef struct uac_thread {
 } uac_thread_t;
 
 // Prepares the thread registry; idempotent. Start-up calls it after uac_lock_module_init.
-void uac_thread_module_init(void);
+void uac_thread_module_init(void) UAC_NOEXCEPT;
 
 // Starts a detached thread with a 64 KiB stack, named for the kernel (name cut to 31
 // characters; the kernel keeps 15), running entry(arg). 0, or -1 with a "[THREAD_ERR]"
 // message. *tid_out receives the pthread_t.
-int32_t uac_thread_create(pthread_t *tid_out, const char *name, uac_thread_func entry, void *arg);
+int32_t uac_thread_create(pthread_t *tid_out, const char *name, uac_thread_func entry, void *arg) UAC_NOEXCEPT;
 
 // Marks the calling thread as waiting on mutex (null: on nothing). Returns its record,
 // or null for a thread not started with uac_thread_create (then nothing is recorded).
-uac_thread_t *uac_thread_pend_mark(struct uac_mutex *mutex);
+uac_thread_t *uac_thread_pend_mark(struct uac_mutex *mutex) UAC_NOEXCEPT;
 
 // Calls fn(record) for every registered thread under the registry lock; null fn does nothing.
-void uac_thread_foreach(void (*fn)(uac_thread_t *record));
-int32_t uac_thread_print(uac_thread_t *record);  // one line; returns 0
+void uac_thread_foreach(void (*fn)(uac_thread_t *record)) UAC_NOEXCEPT;
+int32_t uac_thread_print(uac_thread_t *record) UAC_NOEXCEPT;  // one line; returns 0
 
 // ---- Clocks. Uptime is CLOCK_MONOTONIC, time is CLOCK_REALTIME; they fall back to
 // gettimeofday (time(NULL) for seconds) and never fail.
-uint64_t uac_uptime_us(void);
-uint64_t uac_uptime_ms(void);
-uint64_t uac_time_ms(void);
-int64_t uac_uptime_sec(void);
+uint64_t uac_uptime_us(void) UAC_NOEXCEPT;
+uint64_t uac_uptime_ms(void) UAC_NOEXCEPT;
+uint64_t uac_time_ms(void) UAC_NOEXCEPT;
+int64_t uac_uptime_sec(void) UAC_NOEXCEPT;
 
 // Absolute wall-clock deadlines (the POSIX timed waits measure CLOCK_REALTIME):
 // *ts = now + amount. 0, or -1 on a null ts.
-int32_t uac_abstime_after_us(struct timespec *ts, int32_t us);
-int32_t uac_abstime_after_ms(struct timespec *ts, int32_t ms);
+int32_t uac_abstime_after_us(struct timespec *ts, int32_t us) UAC_NOEXCEPT;
+int32_t uac_abstime_after_ms(struct timespec *ts, int32_t ms) UAC_NOEXCEPT;
+// The same from a given wall time `now` instead of the current one (null now: -1).
+int32_t uac_abstime_from_us(struct timespec *ts, const struct timeval *now, int32_t us) UAC_NOEXCEPT;
+int32_t uac_abstime_from_ms(struct timespec *ts, const struct timeval *now, int32_t ms) UAC_NOEXCEPT;
 
 #ifdef __cplusplus
 }
