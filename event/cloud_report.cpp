@@ -1,0 +1,363 @@
+// cloud_report.cpp - cloud envelope of event and parameter reports, the device identity it
+// carries (fetched from other services and cached), and the JSON utilities.
+
+#include "cloud_report.h"
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "event_config.h"
+#include "event_report.h"
+#include "nms_log.h"
+#include "report_switch.h"
+#include "uac_mem.h"
+#include "uci_access.h"
+
+std::atomic<int32_t> device_info_cached{0};
+char site_id[72];
+
+namespace {
+
+constexpr const char *kMacCmd = "ubus call varnServer getInfo '{\"infoMask\":33}' -t 5";
+constexpr const char *kSiteCmd = "ubus call cloudclient get_site_id -t 5";
+constexpr size_t kCmdOutMax = 1024;
+constexpr char kEventListOpen[] = ",\"eventList\":[";
+constexpr char kTail[] = "]}]}}";
+constexpr const char *kEventFmt = "{\"typeId\":\"%d\",\"time\":\"%llu\",\"params\":%s}";
+constexpr size_t kEventOverhead = 129;  // room an event needs beyond its params
+
+cloud_device_info g_device_info;
+// Serialises the identity's fill and the site id's refresh with the readers that copy them: the
+// batch thread, the statistics timers and the bus thread all get here.
+std::mutex g_identity_mu;
+
+struct JsonPut {
+    void operator()(json_object *o) const noexcept { json_object_put(o); }
+};
+struct TokenerFree {
+    void operator()(json_tokener *t) const noexcept { json_tokener_free(t); }
+};
+struct PipeClose {
+    void operator()(FILE *f) const noexcept { pclose(f); }
+};
+using JsonPtr = std::unique_ptr<json_object, JsonPut>;
+using TokenerPtr = std::unique_ptr<json_tokener, TokenerFree>;
+using PipePtr = std::unique_ptr<FILE, PipeClose>;
+
+// Copies src into the fixed field dst, cut to fit and terminated.
+template <size_t N>
+void copy_field(char (&dst)[N], const char *src) {
+    std::snprintf(dst, N, "%s", src);
+}
+
+// Runs cmd and parses what it printed (one bounded read). Null with the caller's messages when
+// the pipe cannot be opened (pipe_failed set) or the output does not parse.
+JsonPtr run_json_command(const char *cmd, bool &pipe_failed) {
+    pipe_failed = false;
+    PipePtr pipe(popen(cmd, "r"));
+    if (!pipe) {
+        pipe_failed = true;
+        return nullptr;
+    }
+    // One byte more than is read, so the text is always terminated.
+    char out[kCmdOutMax + 1] = {};
+    size_t got = std::fread(out, 1, kCmdOutMax, pipe.get());
+    out[got] = '\0';
+    pipe.reset();
+    return JsonPtr(jsonParseStr(out));
+}
+
+// Fills the identity when it is not cached yet, and the alias on every call. Caller holds
+// g_identity_mu. False when a part could not be read.
+bool fill_device_info() {
+    if (device_info_cached.load(std::memory_order_relaxed) == 0) {
+        std::memset(&g_device_info, 0, sizeof(g_device_info));
+        if (getMacByUbus(g_device_info.mac) != 0) {
+            NMS_LOG_ERROR("get mac failed.");
+            return false;
+        }
+        if (getUciOption("device_info", "info", "device_type", g_device_info.type,
+                         sizeof(g_device_info.type)) != 0) {
+            NMS_LOG_ERROR("device_type get failed.");
+            return false;
+        }
+        if (getUciOption("device_info", "info", "device_name", g_device_info.name,
+                         sizeof(g_device_info.name)) != 0) {
+            NMS_LOG_ERROR("device_type get failed.");
+            return false;
+        }
+        device_info_cached.store(1, std::memory_order_relaxed);
+    }
+    // The user's alias replaces the name; a device without one sends no report at all.
+    if (getUciOption("system", "sys", "dev_alias", g_device_info.name,
+                     sizeof(g_device_info.name)) != 0) {
+        NMS_LOG_ERROR("device_type get failed.");
+        return false;
+    }
+    return true;
+}
+
+// A consistent copy of the identity and the site id for one report.
+bool copy_identity(cloud_device_info &info, std::string &site) {
+    std::lock_guard<std::mutex> hold(g_identity_mu);
+    if (!fill_device_info())
+        return false;
+    info = g_device_info;
+    site = site_id;
+    return true;
+}
+
+// A string member; false when it cannot be made.
+bool add_string(json_object *obj, const char *key, const char *value) {
+    json_object *v = json_object_new_string(value);
+    if (!v)
+        return false;
+    if (json_object_object_add(obj, key, v) != 0) {
+        json_object_put(v);
+        return false;
+    }
+    return true;
+}
+
+// The event report head object; null when an object or the array cannot be made.
+JsonPtr make_event_head(const cloud_device_info &info, const std::string &site) {
+    JsonPtr head(json_object_new_object());
+    JsonPtr list(json_object_new_array());
+    JsonPtr dev(json_object_new_object());
+    if (!head || !list || !dev)
+        return nullptr;
+    if (!add_string(head.get(), "projectId", site.c_str()) ||
+        !add_string(head.get(), "deviceMac", info.mac) ||
+        !add_string(head.get(), "deviceType", info.type) ||
+        !add_string(dev.get(), "devMac", info.mac) ||
+        !add_string(dev.get(), "devType", info.type) ||
+        !add_string(dev.get(), "devName", info.name))
+        return nullptr;
+    if (json_object_array_add(list.get(), dev.get()) != 0)
+        return nullptr;
+    dev.release();
+    if (json_object_object_add(head.get(), "devEventList", list.get()) != 0)
+        return nullptr;
+    list.release();
+    return head;
+}
+
+void free_traced(void *p) {
+    NMS_LOG_TRACE("%s:%d::free(%p)\n", __func__, __LINE__, p);
+    mem_guard_free(p);
+}
+
+}  // namespace
+
+extern "C" json_object *jsonParseStr(const char *text) noexcept {
+    if (!text) {
+        NMS_LOG_ERROR("Buf is NULL!");
+        return nullptr;
+    }
+    TokenerPtr tok(json_tokener_new());
+    if (!tok) {
+        NMS_LOG_ERROR("Create tokener failed.");
+        return nullptr;
+    }
+    // -1: the parser finds the length from the terminator, which also ends a bare number.
+    json_object *obj = json_tokener_parse_ex(tok.get(), text, -1);
+    if (json_tokener_get_error(tok.get()) != json_tokener_success) {
+        NMS_LOG_ERROR("Parse buf failed,%s.\n", text);
+        json_object_put(obj);
+        return nullptr;
+    }
+    return obj;
+}
+
+extern "C" const char *getValueFromJsonObj(json_object *obj, const char *name) noexcept {
+    if (!obj || !name) {
+        NMS_LOG_ERROR("jsonObj or name is NULL!");
+        return nullptr;
+    }
+    json_object *value = nullptr;
+    if (!json_object_object_get_ex(obj, name, &value))
+        return nullptr;
+    if (!value)
+        return "null";
+    if (json_object_is_type(value, json_type_string))
+        return json_object_get_string(value);
+    return json_object_to_json_string(value);
+}
+
+extern "C" int getMacByUbus(char *dst) noexcept {
+    bool pipe_failed = false;
+    JsonPtr obj = run_json_command(kMacCmd, pipe_failed);
+    if (pipe_failed) {
+        NMS_LOG_ERROR("popen exe [%s] failed\n", kMacCmd);
+        return -1;
+    }
+    if (!obj) {
+        NMS_LOG_ERROR("get jsonrpc obj failed.");
+        return -1;
+    }
+    const char *mac = getValueFromJsonObj(obj.get(), "mac");
+    if (!dst || !mac || std::strlen(mac) != CLOUD_MAC_LEN) {
+        NMS_LOG_ERROR("device info is incomplete, return error!");
+        return -1;
+    }
+    std::memcpy(dst, mac, CLOUD_MAC_LEN + 1);
+    return 0;
+}
+
+extern "C" cloud_device_info *cloud_get_device_info(void) noexcept {
+    std::lock_guard<std::mutex> hold(g_identity_mu);
+    return fill_device_info() ? &g_device_info : nullptr;
+}
+
+extern "C" int local_update_site_id(void) noexcept {
+    bool pipe_failed = false;
+    JsonPtr obj = run_json_command(kSiteCmd, pipe_failed);
+    if (pipe_failed) {
+        NMS_LOG_ERROR("popen exe [%s] failed\n", kSiteCmd);
+        return -1;
+    }
+    if (!obj) {
+        NMS_LOG_ERROR("get jsonrpc obj failed.");
+        return -1;
+    }
+    const char *site = getValueFromJsonObj(obj.get(), "site_id");
+    if (!site || !*site) {
+        NMS_LOG_ERROR("device info is incomplete, return error!");
+        return -1;
+    }
+    std::lock_guard<std::mutex> hold(g_identity_mu);
+    copy_field(site_id, site);  // cut rather than overrun the buffer
+    return 0;
+}
+
+extern "C" const char *cloud_get_site_id(void) noexcept { return site_id; }
+
+extern "C" int cloud_event_match(int32_t id) noexcept {
+    if (get_event_enable(id) != 0)
+        return -1;
+    return get_report_online() != 0 ? 0 : -1;
+}
+
+extern "C" int cloud_report_formate_head(char **text, int32_t *remaining) noexcept {
+    if (!text || !remaining)
+        return -1;
+    cloud_device_info info;
+    std::string site;
+    if (!copy_identity(info, site)) {
+        NMS_LOG_ERROR("cloud_get_device_info failed.");
+        *text = nullptr;
+        return -1;
+    }
+    *text = nullptr;
+    char *buf = static_cast<char *>(MEM_GUARD_ALLOC(NMS_REPORT_BUF_SIZE));
+    if (!buf)
+        return -1;
+    // Zero-filled, so that every append is terminated by the zeros after it.
+    std::memset(buf, 0, NMS_REPORT_BUF_SIZE);
+    *text = buf;
+    auto fail = [&] {
+        free_traced(buf);
+        *text = nullptr;
+        return -1;
+    };
+    JsonPtr head = make_event_head(info, site);
+    if (!head) {
+        NMS_LOG_ERROR("malloc obj failed.");
+        return fail();
+    }
+    const char *h = json_object_to_json_string_ext(head.get(), JSON_C_TO_STRING_PLAIN);
+    size_t len = h ? std::strlen(h) : 0;
+    if (!h || len >= CLOUD_HEAD_LIMIT || len < 3)
+        return fail();
+    // The head without "}]}": the event list goes inside the device object.
+    std::memcpy(buf, h, len - 3);
+    std::memcpy(buf + len - 3, kEventListOpen, sizeof(kEventListOpen) - 1);
+    *remaining = static_cast<int32_t>(CLOUD_HEAD_LIMIT - (len - 3));
+    return 0;
+}
+
+extern "C" int format_event_report_event(char *text, int32_t id, uint64_t time, const char *params,
+                                         int32_t first, int32_t *remaining,
+                                         int32_t *added) noexcept {
+    if (!text || !remaining || !params || !added)
+        return -1;
+    int32_t r = *remaining;
+    *added = 0;
+    // Compared as unsigned, as the space counter always was; it never goes below 0.
+    if (static_cast<uint64_t>(static_cast<int64_t>(r)) >= std::strlen(params) + kEventOverhead) {
+        size_t len = std::strlen(text);
+        unsigned long long t = static_cast<unsigned long long>(time);
+        if (first == 0) {
+            text[len] = ',';
+            std::snprintf(text + len + 1, static_cast<size_t>(r - 1), kEventFmt, id, t, params);
+        } else {
+            std::snprintf(text + len, static_cast<size_t>(r), kEventFmt, id, t, params);
+        }
+        int64_t left = static_cast<int64_t>(r) + static_cast<int64_t>(len) -
+                       static_cast<int64_t>(std::strlen(text));
+        *remaining = left < 0 ? 0 : static_cast<int32_t>(left);
+        *added = 1;
+        return 0;
+    }
+    if (first != 0)
+        return -1;  // not even one event fits: the batch is abandoned
+    *remaining = 0;  // ends the batch
+    return 0;
+}
+
+extern "C" int format_event_report_tail(char *text, int32_t *remaining) noexcept {
+    if (!text || !remaining)
+        return -1;
+    if (*remaining < -CLOUD_TAIL_RESERVE)
+        return -1;
+    // No terminator is written: the buffer's zero fill terminates the text. The fifth brace
+    // closes one level more than was opened; receivers expect it.
+    std::memcpy(text + std::strlen(text), kTail, sizeof(kTail) - 1);
+    *remaining += CLOUD_TAIL_RESERVE;
+    return 0;
+}
+
+extern "C" int cloud_report_send_info(char *text, uint32_t retries, int32_t *result) noexcept {
+    if (!text || !result)
+        return -1;
+    char path[] = CLOUD_EVENT_URL;
+    short_link_request request{};
+    request.url = path;
+    request.content = text;
+    NMS_LOG_DEBUG("report event:%s", text);
+    if (retries != 0)
+        return sendto_business_by_short_link_retran(&request, result, retries);
+    return sendto_business_by_short_link(&request, result);
+}
+
+int cloud_params_splice(char *buf) noexcept {
+    if (!buf)
+        return -1;
+    cloud_device_info info;
+    std::string site;
+    if (!copy_identity(info, site))
+        return -1;
+    JsonPtr head(json_object_new_object());
+    if (!head || !add_string(head.get(), "projectId", site.c_str()) ||
+        !add_string(head.get(), "deviceMac", info.mac) ||
+        !add_string(head.get(), "deviceType", info.type)) {
+        NMS_LOG_ERROR("malloc obj failed.");
+        return -1;
+    }
+    const char *h = json_object_to_json_string_ext(head.get(), JSON_C_TO_STRING_PLAIN);
+    if (!h) {
+        NMS_LOG_ERROR("malloc obj failed.");
+        return -1;
+    }
+    NMS_LOG_TRACE(" report params:#%s#", h);
+    size_t hlen = std::strlen(h);
+    size_t tlen = std::strlen(buf);
+    std::memmove(buf + hlen - 1, buf, tlen);
+    std::memcpy(buf, h, hlen - 1);
+    buf[hlen - 1 + tlen] = '}';
+    NMS_LOG_TRACE(" report params:#%s#", buf);
+    return 0;
+}

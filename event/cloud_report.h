@@ -1,0 +1,55 @@
+// cloud_report.h - the cloud report envelope, the device identity it carries, the request
+// record's use, and the JSON utilities of the daemon.
+#pragma once
+
+#include <json-c/json.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include <info_report.h>
+
+#define CLOUD_EVENT_URL "/nexo/devmsg/v1/reportDevEventMsg"
+#define CLOUD_PARAMS_URL "/nexo/devmsg/v1/reportParamsMsg"
+#define CLOUD_SEND_RETRIES 3
+#define CLOUD_MAC_LEN 17          // characters of a MAC as the device service gives it
+#define CLOUD_HEAD_LIMIT 260850   // the head text must stay shorter than this
+#define CLOUD_TAIL_RESERVE 251    // given back to the remaining space by the tail
+
+extern "C" {
+
+// The device's identity as reports carry it.
+struct cloud_device_info {
+    char mac[20];
+    char type[68];
+    char name[64];
+};
+static_assert(sizeof(cloud_device_info) == 152, "three fixed text fields");
+
+// 1 once MAC, type and name were fetched; they are never refreshed afterwards.
+extern std::atomic<int32_t> device_info_cached;
+// Site id, refreshed by local_update_site_id; empty until the first success.
+extern char site_id[72];
+
+json_object *jsonParseStr(const char *text) noexcept;
+const char *getValueFromJsonObj(json_object *obj, const char *name) noexcept;
+int getMacByUbus(char *dst) noexcept;
+cloud_device_info *cloud_get_device_info(void) noexcept;
+int local_update_site_id(void) noexcept;
+const char *cloud_get_site_id(void) noexcept;
+
+// The cloud report type's operations (type 0 of the report type table).
+int cloud_event_match(int32_t id) noexcept;
+int cloud_report_formate_head(char **text, int32_t *remaining) noexcept;
+int format_event_report_event(char *text, int32_t id, uint64_t time, const char *params,
+                              int32_t first, int32_t *remaining, int32_t *added) noexcept;
+int format_event_report_tail(char *text, int32_t *remaining) noexcept;
+int cloud_report_send_info(char *text, uint32_t retries, int32_t *result) noexcept;
+
+}  // extern "C"
+
+// Puts the identity head {"projectId":..,"deviceMac":..,"deviceType":.. without its closing
+// brace in front of the text held in buf (which must begin with a comma) and closes the object.
+// buf needs room for the head, the text and one more character, with zeros after the text.
+// 0, or -1 when the identity or the JSON object cannot be made (the text is then unchanged).
+int cloud_params_splice(char *buf) noexcept;

@@ -1,0 +1,99 @@
+// event_dispatch.cpp - dispatch workers: check each event's params, build the event info and
+// insert it into the worker's list in the mode its fill level and policy call for.
+
+#include "event_dispatch.h"
+
+#include <json-c/json.h>
+#include <pthread.h>
+
+#include <cstring>
+#include <memory>
+
+#include "cloud_report.h"
+#include "event_list.h"
+#include "nms_log.h"
+#include "uac_mem.h"
+#include "uac_thread.h"
+
+namespace {
+
+// Each worker's start argument points at its element; the array outlives the threads.
+int32_t g_list_ids[NMS_EVENT_LIST_NUM];
+
+struct JsonPut {
+    void operator()(json_object *o) const noexcept { json_object_put(o); }
+};
+using JsonPtr = std::unique_ptr<json_object, JsonPut>;
+
+// Batches never wait.
+int always_ready(int) { return 0; }
+
+void *msg_handle_thread(void *arg) {
+    pthread_detach(pthread_self());
+    if (!arg)
+        return nullptr;
+    int32_t id = *static_cast<int32_t *>(arg);
+    if (id > 7)
+        return nullptr;
+    recv_notify_nms_event(msg_handle_dispatch, always_ready, id);
+    return nullptr;
+}
+
+}  // namespace
+
+extern "C" int init_msg_handle(void) noexcept {
+    for (int i = 0; i < NMS_EVENT_LIST_NUM; i++) {
+        g_list_ids[i] = i;
+        pthread_t tid;
+        int ret = uac_thread_create(&tid, "nmsEventMsgHanldeThread[i]", msg_handle_thread,
+                                    &g_list_ids[i]);
+        if (ret != 0) {
+            NMS_LOG_ERROR("create thread(init_msg_handle) failed!");
+            return ret;
+        }
+    }
+    NMS_LOG_DEBUG("init thread(init_msg_handle) success!");
+    return 0;
+}
+
+extern "C" int msg_handle_dispatch(nms_event_msg *frame, int list) noexcept {
+    if (list < 0 || list >= NMS_EVENT_LIST_NUM) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    if (!frame) {
+        NMS_LOG_ERROR("invalid params!");
+        return -1;
+    }
+    size_t len = strnlen(frame->params, sizeof(frame->params));
+    if (len > 0) {
+        JsonPtr parsed;
+        if (len < NMS_EVENT_PARAMS_MAX)
+            parsed.reset(jsonParseStr(frame->params));
+        if (!parsed) {
+            NMS_LOG_ERROR("event params not a json obj string, like {\"xx\":\"xx\"}!");
+            return -1;
+        }
+    }
+    auto *info = static_cast<nms_event_info *>(MEM_GUARD_ALLOC(sizeof(nms_event_info)));
+    if (!info) {
+        NMS_LOG_ERROR("malloc failed!");
+        return -1;
+    }
+    std::memset(info, 0, sizeof(*info));
+    info->id = frame->id;
+    info->time = frame->time;
+    std::memcpy(info->params, frame->params, len);
+    NMS_LOG_DEBUG("list_id:%d msg_handle_dispatch====%d  %llu  %s\r\n", list, info->id,
+                  static_cast<unsigned long long>(info->time), info->params);
+    // Below the threshold nothing is ever replaced; at or above it the list's policy decides
+    // (policy 2 waits for room, any other replaces the oldest once the list is full). A refused
+    // insertion has already said why; the event is not retried.
+    if (trigger_logic_full_threshold(list) != 0)
+        insert_node_to_list(list, info, 0);
+    else
+        insert_node_to_list_by_policy(list, info);
+    NMS_LOG_TRACE("%s:%d::free(%p)\n", __func__, __LINE__, static_cast<void *>(info));
+    mem_guard_free(info);
+    return 0;
+}

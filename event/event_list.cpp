@@ -1,0 +1,457 @@
+// event_list.cpp - the eight event lists: fixed rings of 6000 slots, insertion with the
+// full-buffer policies, consumer-mask deletion and the yes/no tests that drive reporting.
+
+#include "event_list.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "event_config.h"
+#include "event_report.h"
+#include "nms_log.h"
+#include "uac_mem.h"
+
+uac_mutex_t *gNmsEventNodeListLocker[NMS_EVENT_LIST_NUM];
+
+namespace {
+
+// The store is allocated once for the life of the process: a burst of events costs one small
+// allocation per node and never a resize.
+nms_event_list g_lists[NMS_EVENT_LIST_NUM];
+
+constexpr int kPolicyBlock = 2;  // full-buffer policy that blocks the producer
+constexpr useconds_t kFullWaitUs = 100;
+
+bool list_valid(int list) { return list >= 0 && list < NMS_EVENT_LIST_NUM; }
+bool slot_valid(int slot) { return slot >= 0 && slot < NMS_EVENT_LIST_SLOTS; }
+int next_slot(int slot) { return (slot + 1) % NMS_EVENT_LIST_SLOTS; }
+
+void free_traced(void *p) {
+    NMS_LOG_TRACE("%s:%d::free(%p)\n", __func__, __LINE__, p);
+    mem_guard_free(p);
+}
+
+// Threshold of a list: its buffer size, capped.
+int list_threshold(int list) {
+    int size = get_event_list_buf_size(list);
+    return size <= NMS_EVENT_THRESHOLD_CAP ? size : NMS_EVENT_THRESHOLD_CAP;
+}
+
+// Clears bits from the node in slot; deletes it once no bit is left. True when deleted.
+bool clear_bits_and_delete(int list, int slot, int bits) {
+    nms_event_node *node = g_lists[list].slots[slot];
+    node->mask = node->mask & ~bits & NMS_EVENT_MASK_BITS;
+    if (node->mask != 0)
+        return false;
+    _delete_node_from_list_force(list, slot);
+    return true;
+}
+
+// The victim of a replacing insertion: the qualifying node with the smallest time stamp, the
+// first of equals after cur_pos. A candidate stamped 0 is no candidate and gives way to the
+// next qualifying node. Returns its slot, or -1. Caller holds the lock.
+int find_oldest(int list, int replace) {
+    nms_event_list &l = g_lists[list];
+    nms_event_node *victim = nullptr;
+    int slot = next_slot(l.cur_pos.load(std::memory_order_relaxed));
+    // 6001 looks: the first slot is seen twice.
+    for (int i = 0; i <= NMS_EVENT_LIST_SLOTS; i++, slot = next_slot(slot)) {
+        nms_event_node *node = l.slots[slot];
+        if (!node || (replace != 1 && node->mask != 0))
+            continue;
+        if (!victim || victim->time == 0 || node->time < victim->time)
+            victim = node;
+    }
+    if (!victim || victim->time == 0)
+        return -1;
+    return static_cast<int>(victim->node_id);
+}
+
+// First empty slot at or after cur_pos + 1, or -1. Caller holds the lock.
+int find_free_slot(int list) {
+    nms_event_list &l = g_lists[list];
+    int slot = next_slot(l.cur_pos.load(std::memory_order_relaxed));
+    for (int i = 0; i <= NMS_EVENT_LIST_SLOTS; i++, slot = next_slot(slot)) {
+        if (!l.slots[slot])
+            return slot;
+    }
+    return -1;
+}
+
+}  // namespace
+
+void nms_event_mutex_give(uac_mutex_t *m) noexcept {
+    if (!m)
+        return;
+    if (uac_mutex_give(m) != 0) {
+        std::printf("WARNING: Try to give mutex \"%s\" not owned by %d thread itself %d.\n",
+                    m->name, static_cast<int>(m->owner.load(std::memory_order_relaxed)),
+                    static_cast<int>(pthread_self()));
+        std::fflush(stdout);
+    }
+}
+
+extern "C" int init_event_node_list(void) noexcept {
+    for (int i = 0; i < NMS_EVENT_LIST_NUM; i++) {
+        nms_event_list &l = g_lists[i];
+        // A second call (tests) starts from empty lists again and keeps the lock.
+        for (nms_event_node *&node : l.slots) {
+            if (node) {
+                mem_guard_free(node->params);
+                mem_guard_free(node);
+            }
+            node = nullptr;
+        }
+        l.count.store(0, std::memory_order_relaxed);
+        l.cur_pos.store(-1, std::memory_order_relaxed);
+        if (!l.lock)
+            l.lock = uac_mutex_create("gNmsEventNodeListLocker[i]", UAC_MUTEX_NORMAL);
+        gNmsEventNodeListLocker[i] = l.lock;
+    }
+    return 0;
+}
+
+extern "C" int init_event_node_from_event_info(nms_event_node *node,
+                                               const nms_event_info *info) noexcept {
+    if (!node || !info) {
+        NMS_LOG_ERROR("invalid params!!!");
+        return -1;
+    }
+    size_t len = strnlen(info->params, sizeof(info->params));
+    if (len > NMS_EVENT_PARAMS_MAX) {
+        NMS_LOG_ERROR("invalid params!!!");
+        return -1;
+    }
+    int mask = get_event_report_mask(info->id);
+    if (mask < 1) {
+        NMS_LOG_ERROR("id:%d mask:%d not support this event!!!\n", info->id, mask);
+        return -1;
+    }
+    char *text = static_cast<char *>(MEM_GUARD_ALLOC(len + 1));
+    if (!text) {
+        NMS_LOG_ERROR("malloc error!!!");
+        return -1;
+    }
+    std::memcpy(text, info->params, len);
+    text[len] = '\0';
+    node->params = text;
+    node->id = info->id;
+    node->time = info->time;
+    node->mask = mask;
+    return 0;
+}
+
+extern "C" int delete_event_node(nms_event_node *node, int *freed) noexcept {
+    if (!node) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    if (node->params)
+        free_traced(node->params);
+    free_traced(node);
+    if (freed)
+        *freed = 1;
+    return 0;
+}
+
+extern "C" int _delete_node_from_list_force(int list, int slot) noexcept {
+    if (!list_valid(list) || !slot_valid(slot)) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    nms_event_list &l = g_lists[list];
+    nms_event_node *node = l.slots[slot];
+    if (!node)
+        return 0;
+    delete_event_node(node, nullptr);
+    l.slots[slot] = nullptr;
+    NMS_LOG_DEBUG("delete %d list pos %d ", list, slot);
+    int left = l.count.load(std::memory_order_relaxed) - 1;
+    l.count.store(left, std::memory_order_relaxed);
+    if (slot == l.cur_pos.load(std::memory_order_relaxed) && left == 0)
+        l.cur_pos.store(-1, std::memory_order_relaxed);
+    return 0;
+}
+
+extern "C" int delete_node_from_list(int list, int slot) noexcept {
+    if (!list_valid(list) || !slot_valid(slot)) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    NmsEventHold hold(g_lists[list].lock);
+    return _delete_node_from_list_force(list, slot);
+}
+
+extern "C" int insert_node_to_list(int list, const nms_event_info *info, int replace) noexcept {
+    NMS_LOG_DEBUG("insert_node_to_list %d\n", list);
+    if (!list_valid(list) || !info) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    nms_event_list &l = g_lists[list];
+    NmsEventHold hold(l.lock);
+
+    if (l.count.load(std::memory_order_relaxed) > NMS_EVENT_LIST_FULL) {
+        if (replace == 0) {
+            NMS_LOG_ERROR("list:%d is full,can't replace, may lost this event!!!\n", list);
+            return -1;
+        }
+        int victim = find_oldest(list, replace);
+        if (victim < 0 || _delete_node_from_list_force(list, victim) != 0) {
+            NMS_LOG_ERROR("list:%d can't find olddest node or delete it failed, may lost this "
+                          "event!!!\n",
+                          list);
+            return -1;
+        }
+    }
+
+    int slot = find_free_slot(list);
+    if (slot < 0) {
+        NMS_LOG_DEBUG("list:%d insert failed!!!\n", list);
+        return -1;
+    }
+    NMS_LOG_DEBUG("find free node pos:%d\r\n", slot);
+
+    auto *node = static_cast<nms_event_node *>(MEM_GUARD_ALLOC(sizeof(nms_event_node)));
+    if (!node) {
+        NMS_LOG_ERROR("there is no node LIST !!!");
+        return -1;
+    }
+    std::memset(node, 0, sizeof(*node));
+    if (init_event_node_from_event_info(node, info) != 0) {
+        NMS_LOG_ERROR("init_event_node_from_event_info failed !!!");
+        if (node->params)
+            mem_guard_free(node->params);
+        mem_guard_free(node);
+        return -1;
+    }
+    l.slots[slot] = node;
+    node->node_id = static_cast<uint32_t>(slot);
+    l.count.store(l.count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    l.cur_pos.store(slot, std::memory_order_relaxed);
+    NMS_LOG_DEBUG("insert %d list pos %d ", list, slot);
+    NMS_LOG_DEBUG("insert success: id=%d  tiume=%llu  %p %s\r\n", node->id,
+                  static_cast<unsigned long long>(node->time), static_cast<void *>(node),
+                  node->params);
+    return 0;
+}
+
+extern "C" int insert_node_to_list_by_policy(int list, const nms_event_info *info) noexcept {
+    // Policy 2 holds the producer back instead of dropping anything: its queue then backs up,
+    // which the report code sees.
+    if (get_event_list_full_processing(list) == kPolicyBlock) {
+        while (is_list_full(list) == 0)
+            usleep(kFullWaitUs);
+    }
+    return insert_node_to_list(list, info, 1);
+}
+
+extern "C" nms_event_node *get_list_node(int list, int node_id, int ori_node_id) noexcept {
+    if (!list_valid(list))
+        return nullptr;
+    if (node_id < -1 || node_id > NMS_EVENT_LIST_FULL) {
+        NMS_LOG_DEBUG("invalid params node_id:%d ori_node_id:%d!!!\n", node_id, ori_node_id);
+        return nullptr;
+    }
+    nms_event_list &l = g_lists[list];
+    if (l.count.load(std::memory_order_relaxed) <= 0)
+        return nullptr;
+    int slot = next_slot(node_id);
+    for (int i = 0; i < NMS_EVENT_LIST_SLOTS; i++, slot = next_slot(slot)) {
+        if (slot == ori_node_id)
+            return nullptr;
+        if (l.slots[slot])
+            return l.slots[slot];
+    }
+    return nullptr;
+}
+
+extern "C" nms_event_node *get_list_first_node(int list) noexcept {
+    if (!list_valid(list)) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return nullptr;
+    }
+    nms_event_list &l = g_lists[list];
+    int slot = next_slot(l.cur_pos.load(std::memory_order_relaxed));
+    if (l.slots[slot])
+        return l.slots[slot];
+    return get_list_node(list, slot, -1);
+}
+
+extern "C" int delete_node_arr_from_list_force(int list, int n, const int *node_ids,
+                                               int *deleted) noexcept {
+    if (!list_valid(list) || !node_ids || n < 0) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    nms_event_list &l = g_lists[list];
+    NmsEventHold hold(l.lock);
+    bool found = false;
+    int freed = 0;
+    for (int i = 0; i < n; i++) {
+        int slot = node_ids[i];
+        NMS_LOG_DEBUG("node_arr[%d]:%d!!!\n", i, slot);
+        if (!slot_valid(slot) || !l.slots[slot])
+            continue;
+        found = true;
+        _delete_node_from_list_force(list, slot);
+        freed++;
+        NMS_LOG_DEBUG("delete list_id:%d node_arr[%d]!!!\n", list, i);
+    }
+    if (deleted) {
+        *deleted = freed;
+        NMS_LOG_TRACE("had delete cnt:%d", freed);
+    }
+    return found ? 0 : -1;
+}
+
+extern "C" int multil_call_delete_node_arr_from_list(int list, int n, const int *node_ids,
+                                                     int *deleted, int bits) noexcept {
+    if (bits < 1)
+        return 0;
+    if (!list_valid(list) || !node_ids || n < 0) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    nms_event_list &l = g_lists[list];
+    NmsEventHold hold(l.lock);
+    bool found = false;
+    int freed = 0;
+    for (int i = 0; i < n; i++) {
+        int slot = node_ids[i];
+        NMS_LOG_DEBUG("node_arr[%d]:%d!!!\n", i, slot);
+        if (!slot_valid(slot) || !l.slots[slot])
+            continue;
+        found = true;
+        if (clear_bits_and_delete(list, slot, bits)) {
+            freed++;
+            NMS_LOG_DEBUG("delete list_id:%d node_arr[%d]!!!\n", list, i);
+        }
+    }
+    if (deleted) {
+        *deleted = freed;
+        NMS_LOG_TRACE("had delete cnt:%d", freed);
+    }
+    return found ? 0 : -1;
+}
+
+extern "C" int clean_one_list(int bits) noexcept {
+    if (bits < 1)
+        return 0;
+    bool every_list = true;
+    for (int list = NMS_EVENT_LIST_NUM - 1; list >= 0; list--) {
+        nms_event_list &l = g_lists[list];
+        NmsEventHold hold(l.lock);
+        // Slot indexes 0..count-1 are visited, not the nodes: nodes in higher slots stay.
+        int count = l.count.load(std::memory_order_relaxed);
+        bool any = false;
+        for (int pos = 0; pos < count; pos++) {
+            NMS_LOG_DEBUG("pos%d!!!\n", pos);
+            if (!l.slots[pos])
+                continue;
+            if (clear_bits_and_delete(list, pos, bits)) {
+                any = true;
+                NMS_LOG_DEBUG("delete list_id:%d node_arr[%d]!!!\n", list, pos);
+            }
+        }
+        if (!any)
+            every_list = false;
+    }
+    return every_list ? 0 : -1;
+}
+
+extern "C" int get_list_total_node(int list) noexcept {
+    if (!list_valid(list)) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    return g_lists[list].count.load(std::memory_order_relaxed);
+}
+
+extern "C" int get_list_total_node_by_mask(int list, int bits) noexcept {
+    if (!list_valid(list)) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    nms_event_list &l = g_lists[list];
+    if (l.count.load(std::memory_order_relaxed) <= 0)
+        return 0;
+    // Counted under the list lock: a producer replacing the oldest node or the bus cleaning the
+    // lists may free a node while it is looked at.
+    NmsEventHold hold(l.lock);
+    int want = bits & NMS_EVENT_MASK_BITS;
+    int n = 0;
+    for (const nms_event_node *node : l.slots) {
+        if (node && (node->mask & want))
+            n++;
+    }
+    return n;
+}
+
+extern "C" int is_list_not_empty(int list) noexcept {
+    if (!list_valid(list)) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    return g_lists[list].count.load(std::memory_order_relaxed) > 0 ? 0 : -1;
+}
+
+extern "C" int trigger_logic_full_threshold(int list) noexcept {
+    if (!list_valid(list)) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    return g_lists[list].count.load(std::memory_order_relaxed) >= list_threshold(list) ? 0 : -1;
+}
+
+extern "C" int is_list_can_report(int list) noexcept {
+    if (!list_valid(list)) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    if (trigger_logic_full_threshold(list) == 0 &&
+        get_event_list_full_processing(list) == kPolicyBlock)
+        return 0;
+    return -1;
+}
+
+extern "C" int is_list_full(int list) noexcept {
+    if (!list_valid(list)) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    return g_lists[list].count.load(std::memory_order_relaxed) > NMS_EVENT_LIST_FULL ? 0 : -1;
+}
+
+extern "C" void print_list_node(void) noexcept {
+    for (int list = NMS_EVENT_LIST_NUM - 1; list >= 0; list--) {
+        nms_event_list &l = g_lists[list];
+        // Held while printing: the batch thread may delete nodes meanwhile.
+        NmsEventHold hold(l.lock);
+        int cur = l.cur_pos.load(std::memory_order_relaxed);
+        int count = l.count.load(std::memory_order_relaxed);
+        NMS_LOG_DEBUG("list:%d had %d node and cur_pos is %d", list, count, cur);
+        std::printf("\r");
+        int slot = cur < 0 ? 0 : cur;
+        for (int i = 0; i < NMS_EVENT_LIST_SLOTS; i++, slot = next_slot(slot)) {
+            const nms_event_node *node = l.slots[slot];
+            if (node)
+                std::printf("mask:%d node_id=%d id=%d time=%llu param:%s\r\n", node->mask,
+                            static_cast<int>(node->node_id), node->id,
+                            static_cast<unsigned long long>(node->time), node->params);
+        }
+        std::printf("list:%d had %d node and cur_pos is %d\r\n", list, count, cur);
+        std::fflush(stdout);
+    }
+}
+
+extern "C" void print_list_count(void) noexcept {
+    for (int list = NMS_EVENT_LIST_NUM - 1; list >= 0; list--) {
+        std::printf("list:%d had %d node and cur_pos is %d\r\n", list,
+                    g_lists[list].count.load(std::memory_order_relaxed),
+                    g_lists[list].cur_pos.load(std::memory_order_relaxed));
+    }
+    std::fflush(stdout);
+}

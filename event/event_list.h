@@ -1,0 +1,98 @@
+// event_list.h - the eight bounded event lists: fixed rings of 6000 slots holding event nodes.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "event_config.h"
+#include "uac_lock.h"
+
+#define NMS_EVENT_LIST_SLOTS 6000     // slots of one list
+#define NMS_EVENT_LIST_FULL 5999      // a list whose count exceeds this is full
+#define NMS_EVENT_PARAMS_MAX 500      // longest params text a node takes
+#define NMS_EVENT_THRESHOLD_CAP 600   // a list's threshold never exceeds this
+#define NMS_EVENT_MASK_BITS 0x7FFFFFFF
+
+extern "C" {
+
+// One received event, built per message by the dispatch worker in a zeroed 520-byte block.
+struct nms_event_info {
+    int32_t id;        // event type id
+    int32_t reserved;
+    uint64_t time;     // sender's time stamp
+    char params[504];  // NUL-terminated, at most 500 characters are taken
+};
+static_assert(sizeof(nms_event_info) == 520, "event info is built in a 520-byte block");
+
+// A stored event. Its mask holds one bit per report type that still owes it a report; the
+// node is freed once no bit is left.
+struct nms_event_node {
+    uint32_t node_id;  // the slot that holds it
+    int32_t id;
+    uint64_t time;
+    int32_t mask;      // bit 31 never used
+    char *params;      // own copy
+};
+
+// One list. slots, the nodes and their masks are guarded by lock; count and cur_pos are
+// also read without it by the yes/no tests, hence relaxed atomics.
+struct nms_event_list {
+    nms_event_node *slots[NMS_EVENT_LIST_SLOTS];
+    std::atomic<int32_t> cur_pos;  // slot of the last insertion, -1 when none
+    std::atomic<int32_t> count;    // occupied slots
+    uac_mutex_t *lock;             // "gNmsEventNodeListLocker[i]"
+};
+
+// Lock order: a report lock (event_report.h) may be held while taking a list lock, never the
+// reverse; no code holds two list locks.
+extern uac_mutex_t *gNmsEventNodeListLocker[NMS_EVENT_LIST_NUM];
+
+int init_event_node_list(void) noexcept;
+int init_event_node_from_event_info(nms_event_node *node, const nms_event_info *info) noexcept;
+int delete_event_node(nms_event_node *node, int *freed) noexcept;
+int _delete_node_from_list_force(int list, int slot) noexcept;   // caller holds the lock
+int delete_node_from_list(int list, int slot) noexcept;
+int insert_node_to_list(int list, const nms_event_info *info, int replace) noexcept;
+int insert_node_to_list_by_policy(int list, const nms_event_info *info) noexcept;
+// Walkers: the caller holds the list's lock.
+nms_event_node *get_list_node(int list, int node_id, int ori_node_id) noexcept;
+nms_event_node *get_list_first_node(int list) noexcept;
+int delete_node_arr_from_list_force(int list, int n, const int *node_ids, int *deleted) noexcept;
+int multil_call_delete_node_arr_from_list(int list, int n, const int *node_ids, int *deleted,
+                                          int bits) noexcept;
+int clean_one_list(int bits) noexcept;
+int get_list_total_node(int list) noexcept;
+int get_list_total_node_by_mask(int list, int bits) noexcept;
+int is_list_not_empty(int list) noexcept;
+int trigger_logic_full_threshold(int list) noexcept;
+int is_list_can_report(int list) noexcept;
+int is_list_full(int list) noexcept;
+void print_list_node(void) noexcept;
+void print_list_count(void) noexcept;
+
+}  // extern "C"
+
+// Gives a list or report lock back; a give refused because the caller does not own the lock is
+// reported with the lock's name, its owner and the caller.
+void nms_event_mutex_give(uac_mutex_t *m) noexcept;
+
+// Holds a list or report lock for one scope, waiting for ever.
+class NmsEventHold {
+public:
+    explicit NmsEventHold(uac_mutex_t *m) noexcept
+        : m_(m), held_(uac_mutex_take(m, UAC_WAIT_FOREVER) == 0) {}
+    ~NmsEventHold() { release(); }
+    NmsEventHold(const NmsEventHold &) = delete;
+    NmsEventHold &operator=(const NmsEventHold &) = delete;
+    bool held() const noexcept { return held_; }
+    void release() noexcept {
+        if (held_) {
+            held_ = false;
+            nms_event_mutex_give(m_);
+        }
+    }
+
+private:
+    uac_mutex_t *m_;
+    bool held_;
+};

@@ -1,0 +1,139 @@
+// event_msg.cpp - message-queue ingress: one receive loop per event list, keeping the backlog.
+
+#include "event_msg.h"
+
+#include <sys/ipc.h>
+#include <sys/msg.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "nms_log.h"
+
+std::atomic<int32_t> gNmsEventMsgId[8] = {{-1}, {-1}, {-1}, {-1}, {-1}, {-1}, {-1}, {-1}};
+std::atomic<int32_t> event_stats_print_on{0};
+
+namespace {
+
+constexpr int kLists = 8;
+constexpr useconds_t kRetryUs = 1000;
+constexpr int kStatsEvery = 10000;
+
+// Per list: the receive frame (owned by that list's loop) and the backlog seen at the last look.
+nms_event_msg g_frame[kLists];
+std::atomic<int32_t> g_backlog[kLists];
+// Messages handed to the workers by all eight loops; only feeds the count print.
+std::atomic<int32_t> g_dispatched{0};
+
+bool list_valid(int list) { return list >= 0 && list < kLists; }
+
+}  // namespace
+
+extern "C" void set_event_stats_print_on(int32_t on) noexcept {
+    event_stats_print_on.store(on, std::memory_order_relaxed);
+}
+
+extern "C" int32_t get_event_stats_print_on(void) noexcept {
+    return event_stats_print_on.load(std::memory_order_relaxed);
+}
+
+extern "C" int init_nms_event_msg(int list) noexcept {
+    if (!list_valid(list)) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    key_t key = NMS_EVENT_MSG_KEY_BASE + list;
+    NMS_LOG_DEBUG("init_nms_event_msg====begin");
+    int probe = msgget(key, IPC_EXCL);
+    if (probe >= 0) {
+        NMS_LOG_DEBUG("error:{%s}", strerror(errno));
+        NMS_LOG_DEBUG("@@@@@@key[%d], msgid[%d]@@@@@@", key, probe);
+    }
+    int id = msgget(key, IPC_CREAT);
+    if (id < 0) {
+        NMS_LOG_ERROR("msgget failed with error: %d\n", errno);
+        return -1;
+    }
+    NMS_LOG_DEBUG("############key[%d], msgid[%d], error:{%s}################", key, id,
+                  strerror(errno));
+    msqid_ds state{};
+    if (msgctl(id, IPC_STAT, &state) != 0) {
+        NMS_LOG_ERROR("Get msgctl failed.[%d][%d]", id, errno);
+        return -1;
+    }
+    state.msg_qbytes = NMS_EVENT_MSG_QBYTES;
+    if (msgctl(id, IPC_SET, &state) != 0) {
+        NMS_LOG_ERROR("msgget failed with error: %d\n", errno);
+        return -1;
+    }
+    gNmsEventMsgId[list].store(id, std::memory_order_relaxed);
+    NMS_LOG_DEBUG("init_nms_event_msg====end l_client_msgid%d", id);
+    return 0;
+}
+
+extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_msg_ready ready,
+                                     int list) noexcept {
+    if (!list_valid(list)) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    if (gNmsEventMsgId[list].load(std::memory_order_relaxed) == -1)
+        init_nms_event_msg(list);
+    NMS_LOG_DEBUG("recv_notify_nms_event");
+    nms_event_msg &frame = g_frame[list];
+    int max_len = 0;
+    for (;;) {
+        std::memset(&frame, 0, sizeof(frame));
+        int id = gNmsEventMsgId[list].load(std::memory_order_relaxed);
+        msqid_ds state{};
+        if (msgctl(id, IPC_STAT, &state) != 0) {
+            NMS_LOG_ERROR("Get msgctl failed.[%d][%d]", id, errno);
+            usleep(kRetryUs);
+            continue;
+        }
+        int batch = state.msg_qnum > 0 ? static_cast<int>(state.msg_qnum) : 1;
+        g_backlog[list].store(batch, std::memory_order_relaxed);
+        while (ready && ready(list) == -1)
+            usleep(kRetryUs);
+        for (int index = 0; index < batch; index++) {
+            NMS_LOG_DEBUG("index%d \r\n", index);
+            std::memset(&frame, 0, sizeof(frame));
+            // Blocks on an empty queue: an idle list costs no processor time.
+            ssize_t got = msgrcv(id, &frame, NMS_EVENT_MSG_TEXT_MAX, 0, 0);
+            if (got < 0) {
+                NMS_LOG_ERROR("msgrcv failed.[%d]-[%d][%d][%d][%d][%d][%d][%d][%d]\r\n", errno,
+                              E2BIG, EACCES, EAGAIN, EFAULT, EIDRM, EINTR, EINVAL, ENOMSG);
+                continue;
+            }
+            reinterpret_cast<char *>(&frame)[NMS_EVENT_MSG_FRAME_SIZE - 1] = '\0';
+            const char *text = reinterpret_cast<const char *>(&frame) + offsetof(nms_event_msg, id);
+            int len = static_cast<int>(strlen(text));
+            if (len > max_len) {
+                max_len = len;
+                NMS_LOG_DEBUG("@@MAX_LENGTH:[%d]{%s}@@", len, text);
+            }
+            if (len < NMS_EVENT_MSG_TEXT_MAX) {
+                if (handler)
+                    handler(&frame, list);
+                int n = g_dispatched.fetch_add(1, std::memory_order_relaxed) + 1;
+                if (event_stats_print_on.load(std::memory_order_relaxed) && n % kStatsEvery == 0) {
+                    std::printf("recive %d events \r\n", n);
+                    std::fflush(stdout);
+                }
+                NMS_LOG_DEBUG("send_notify_nms_event====%ld ", static_cast<long>(frame.mtype));
+            } else {
+                NMS_LOG_ERROR("###msgrcv failed:command too long:[%d]###", len);
+            }
+        }
+    }
+}
+
+extern "C" int is_msg_list_is_full(int list) noexcept {
+    if (!list_valid(list)) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    return g_backlog[list].load(std::memory_order_relaxed) > NMS_EVENT_MSG_BACKLOG_FULL ? 0 : -1;
+}
