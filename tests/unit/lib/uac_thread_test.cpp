@@ -1,0 +1,246 @@
+// uac_thread_test.cpp - thread creation and naming, the registry and its pending marks,
+// deadlines and clocks.
+#include <gtest/gtest.h>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "uac_lock.h"
+#include "uac_thread.h"
+
+namespace {
+
+void wait_for(const std::atomic<bool> &flag) {
+    while (!flag.load())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+void *do_nothing(void *) { return nullptr; }
+
+TEST(UacThread, CreateRefusesMissingInputs) {
+    uac_thread_module_init();
+    pthread_t tid;
+    int a = 0;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(uac_thread_create(nullptr, "t", do_nothing, &a), -1);
+    EXPECT_EQ(uac_thread_create(&tid, nullptr, do_nothing, &a), -1);
+    EXPECT_EQ(uac_thread_create(&tid, "t", nullptr, &a), -1);
+    const std::string line = "[THREAD_ERR]uac_thread_create 175: inputs error.\r\n";
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), line + line + line);
+}
+
+// What a started thread sees of itself.
+struct Seen {
+    std::atomic<bool> done{false};
+    std::string record_name;
+    std::string kernel_name;
+    bool pid_matches = false;
+    bool tid_matches = false;
+    pthread_t self{};
+    void *arg = nullptr;
+};
+
+void *look_at_self(void *p) {
+    auto *seen = static_cast<Seen *>(p);
+    uac_thread_t *rec = uac_thread_pend_mark(nullptr);
+    if (rec) {
+        seen->record_name = rec->name;
+        seen->pid_matches = rec->pid == static_cast<int32_t>(syscall(SYS_gettid));
+        seen->tid_matches = pthread_equal(rec->tid, pthread_self()) != 0;
+        seen->arg = rec->arg;
+    }
+    char comm[32] = {0};
+    std::ifstream in("/proc/thread-self/comm");
+    in.getline(comm, sizeof comm);
+    seen->kernel_name = comm;
+    seen->self = pthread_self();
+    seen->done.store(true);
+    return nullptr;
+}
+
+TEST(UacThread, NamesAreCutTo31AndTheKernelsTo15) {
+    const std::string name = "a_forty_character_thread_name_0123456789";
+    ASSERT_EQ(name.size(), 40u);
+    Seen seen;
+    pthread_t tid{};
+    ASSERT_EQ(uac_thread_create(&tid, name.c_str(), look_at_self, &seen), 0);
+    wait_for(seen.done);
+    EXPECT_EQ(seen.record_name, name.substr(0, 31));
+    EXPECT_EQ(seen.kernel_name, name.substr(0, 15));
+    EXPECT_TRUE(seen.pid_matches);
+    EXPECT_TRUE(seen.tid_matches);
+    EXPECT_EQ(seen.arg, &seen);
+    EXPECT_TRUE(pthread_equal(seen.self, tid));
+}
+
+TEST(UacThread, OtherThreadsHaveNoRecord) {
+    uac_thread_module_init();
+    EXPECT_EQ(uac_thread_pend_mark(nullptr), nullptr);
+    uac_thread_t *rec = reinterpret_cast<uac_thread_t *>(1);
+    std::thread([&] { rec = uac_thread_pend_mark(nullptr); }).join();
+    EXPECT_EQ(rec, nullptr);
+}
+
+// A registered thread that blocks on a mutex the test holds.
+struct Blocked {
+    uac_mutex_t *m;
+    std::atomic<bool> go{false};
+    std::atomic<bool> done{false};
+    uac_mutex_t *ck_after = nullptr;
+    uint64_t cnt_before = 0, cnt_after = 0;
+};
+
+void *block_on_mutex(void *p) {
+    auto *b = static_cast<Blocked *>(p);
+    uac_thread_t *rec = uac_thread_pend_mark(nullptr);
+    b->cnt_before = rec->ck_cnt.load();
+    uac_mutex_take(b->m, UAC_WAIT_FOREVER);
+    uac_mutex_give(b->m);
+    b->ck_after = rec->ck.load();
+    b->cnt_after = rec->ck_cnt.load();
+    wait_for(b->go);  // stay registered until the test has looked
+    b->done.store(true);
+    return nullptr;
+}
+
+struct Census {
+    const char *name;
+    uac_mutex_t *waits_on;
+    int found;
+    uint64_t ck_cnt;
+};
+Census g_census;
+
+void count_threads(uac_thread_t *t) {
+    if (std::string(t->name) == g_census.name) {
+        ++g_census.found;
+        g_census.waits_on = t->ck.load();
+        g_census.ck_cnt = t->ck_cnt.load();
+    }
+}
+
+Census census(const char *name) {
+    g_census = Census{name, nullptr, 0, 0};
+    uac_thread_foreach(count_threads);
+    return g_census;
+}
+
+TEST(UacThread, RegistryShowsWhatAThreadWaitsOn) {
+    uac_lock_module_init();
+    uac_mutex_t *m = uac_mutex_create("gWaitedOn", UAC_MUTEX_NORMAL);
+    ASSERT_NE(m, nullptr);
+    ASSERT_EQ(uac_mutex_take(m, UAC_WAIT_FOREVER), 0);
+    Blocked b{m};
+    pthread_t tid;
+    ASSERT_EQ(uac_thread_create(&tid, "blocked_thread", block_on_mutex, &b), 0);
+
+    Census c = census("blocked_thread");
+    while (c.waits_on != m) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        c = census("blocked_thread");
+    }
+    EXPECT_EQ(c.found, 1);
+    EXPECT_EQ(c.ck_cnt, 2u);  // its own null mark, then the mark naming m
+
+    ASSERT_EQ(uac_mutex_give(m), 0);
+    while (census("blocked_thread").waits_on != nullptr)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    b.go.store(true);
+    wait_for(b.done);
+    EXPECT_EQ(b.cnt_before, 1u);
+    EXPECT_EQ(b.cnt_after, 3u);  // each take marks twice
+    EXPECT_EQ(b.ck_after, nullptr);
+
+    // Once its entry returns the thread leaves the registry.
+    while (census("blocked_thread").found != 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    uac_thread_foreach(nullptr);  // nothing to call: nothing happens
+    uac_mutex_destroy(m);
+}
+
+TEST(UacThread, PrintShowsTheRecord) {
+    uac_thread_t rec{};
+    snprintf(rec.name, sizeof rec.name, "%s", "printer");
+    rec.pid = 77;
+    rec.ck_cnt.store(5);
+    rec.pre_ck_cnt = 4;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(uac_thread_print(&rec), 0);
+    char want[200];
+    snprintf(want, sizeof want,
+             "Thread \"printer\": tid=%p, pid=77, ck=%p, ck_cnt=5, pre_ck=%p, pre_ck_cnt=4\n",
+             static_cast<void *>(nullptr), static_cast<void *>(nullptr),
+             static_cast<void *>(nullptr));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), want);
+    EXPECT_EQ(uac_thread_print(nullptr), -1);
+}
+
+TEST(UacThread, DeadlinesCarryNanosecondsIntoSeconds) {
+    struct timespec ts;
+    struct timeval now {1000, 600000};
+    SCOPED_TRACE("x.6 s + 1500 ms = (x + 2) s + 0.1 s");
+    ASSERT_EQ(uac_abstime_from_ms(&ts, &now, 1500), 0);
+    EXPECT_EQ(ts.tv_sec, 1002);
+    EXPECT_EQ(ts.tv_nsec, 100000000);
+
+    SCOPED_TRACE("exactly one second of nanoseconds carries");
+    now = {1000, 999999};
+    ASSERT_EQ(uac_abstime_from_us(&ts, &now, 1), 0);
+    EXPECT_EQ(ts.tv_sec, 1001);
+    EXPECT_EQ(ts.tv_nsec, 0);
+
+    SCOPED_TRACE("no carry below a second; whole seconds of the amount added");
+    now = {1000, 0};
+    ASSERT_EQ(uac_abstime_from_ms(&ts, &now, 2999), 0);
+    EXPECT_EQ(ts.tv_sec, 1002);
+    EXPECT_EQ(ts.tv_nsec, 999000000);
+    ASSERT_EQ(uac_abstime_from_us(&ts, &now, 3500001), 0);
+    EXPECT_EQ(ts.tv_sec, 1003);
+    EXPECT_EQ(ts.tv_nsec, 500001000);
+
+    SCOPED_TRACE("amounts above 2^31 - 1 arrive negative: the deadline lies behind");
+    now = {1000, 0};
+    ASSERT_EQ(uac_abstime_from_ms(&ts, &now, static_cast<int32_t>(0xFFFFFFFEu)), 0);
+    EXPECT_EQ(ts.tv_sec, 999);
+    EXPECT_EQ(ts.tv_nsec, 998000000);
+
+    EXPECT_EQ(uac_abstime_from_ms(nullptr, &now, 1), -1);
+    EXPECT_EQ(uac_abstime_from_ms(&ts, nullptr, 1), -1);
+    EXPECT_EQ(uac_abstime_after_ms(nullptr, 1), -1);
+    EXPECT_EQ(uac_abstime_after_us(nullptr, 1), -1);
+
+    SCOPED_TRACE("from the current wall time");
+    struct timeval before, after;
+    gettimeofday(&before, nullptr);
+    ASSERT_EQ(uac_abstime_after_ms(&ts, 250), 0);
+    gettimeofday(&after, nullptr);
+    const int64_t at_us = static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+    EXPECT_GE(at_us, before.tv_sec * 1000000LL + before.tv_usec + 250000);
+    EXPECT_LE(at_us, after.tv_sec * 1000000LL + after.tv_usec + 250000);
+    EXPECT_LT(ts.tv_nsec, 1000000000);
+}
+
+TEST(UacThread, ClocksAgreeInTheirUnits) {
+    const uint64_t us = uac_uptime_us();
+    const uint64_t ms = uac_uptime_ms();
+    const int64_t sec = uac_uptime_sec();
+    EXPECT_LE(us / 1000, ms);
+    EXPECT_LE(ms / 1000, static_cast<uint64_t>(sec) + 1);
+    EXPECT_LE(uac_uptime_us(), uac_uptime_us());
+
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
+    const uint64_t wall = static_cast<uint64_t>(tv.tv_sec) * 1000 + tv.tv_usec / 1000;
+    const uint64_t t = uac_time_ms();
+    EXPECT_GE(t, wall);
+    EXPECT_LT(t - wall, 60000u);  // same clock, not the uptime
+}
+
+}  // namespace
