@@ -1,0 +1,1984 @@
+// libuci.cpp - host configuration store: file parser and writer, delta files,
+// lookups, changes, save and commit.
+//
+// Layout on disk: a package is the text file <confdir>/<name>; changes not yet
+// committed are appended as delta lines to <savedir>/<name> and replayed onto
+// the file's content on every load. Commit re-reads file and deltas, writes a
+// temporary file beside the package file and renames it over it.
+//
+// Locking (flock, so separate processes and separate contexts of one process
+// exclude each other; one context is never used by two threads):
+//   directory of the package file   shared while loading, exclusive while
+//                                   committing (load, replay, write, truncate)
+//   <savedir>/<name> delta file     shared while replaying, exclusive while
+//                                   appending or truncating
+// Order: directory before delta file, never the reverse.
+#include <uci.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Intrusive lists (struct uci_list is circular with a head node)
+
+void list_init(uci_list *l)
+{
+    l->next = l->prev = l;
+}
+
+void link_between(uci_list *n, uci_list *prev, uci_list *next)
+{
+    next->prev = n;
+    n->next = next;
+    n->prev = prev;
+    prev->next = n;
+}
+
+void list_add_tail(uci_list *head, uci_list *n)
+{
+    link_between(n, head->prev, head);
+}
+
+void list_add_after(uci_list *pos, uci_list *n)
+{
+    link_between(n, pos, pos->next);
+}
+
+// Leaves n linked to itself, so unlinking twice is harmless.
+void list_unlink(uci_list *n)
+{
+    n->prev->next = n->next;
+    n->next->prev = n->prev;
+    list_init(n);
+}
+
+// ---------------------------------------------------------------------------
+// Allocation: the records are C structs freed with free(); allocation failure
+// throws std::bad_alloc, which the public entry points turn into UCI_ERR_MEM.
+
+struct Free {
+    void operator()(void *p) const noexcept { free(p); }
+};
+using CStr = std::unique_ptr<char, Free>;
+
+CStr make_str(const char *s)
+{
+    CStr d(strdup(s ? s : ""));
+    if (!d)
+        throw std::bad_alloc();
+    return d;
+}
+
+CStr make_str_or_null(const char *s)
+{
+    return s ? make_str(s) : CStr();
+}
+
+template <typename T>
+T *alloc_zeroed()
+{
+    void *m = calloc(1, sizeof(T));
+    if (!m)
+        throw std::bad_alloc();
+    return static_cast<T *>(m);
+}
+
+const char *str_or_empty(const char *s)
+{
+    return s ? s : "";
+}
+
+bool same(const char *a, const char *b)
+{
+    return a && b && strcmp(a, b) == 0;
+}
+
+// ---------------------------------------------------------------------------
+// Name rules
+
+// Non-empty; letters, digits and '_' always; '-' for packages; other
+// printable characters (33..126) for everything but plain names.
+bool valid_str(const char *s, bool name, bool package)
+{
+    if (!s || !*s)
+        return false;
+    for (; *s; ++s) {
+        unsigned char c = static_cast<unsigned char>(*s);
+        if ((c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_')
+            continue;
+        if (c == '-' && package)
+            continue;
+        if (name || c < 33 || c > 126)
+            return false;
+    }
+    return true;
+}
+
+bool valid_name(const char *s) { return valid_str(s, true, false); }
+bool valid_type(const char *s) { return valid_str(s, false, false); }
+bool valid_package(const char *s) { return valid_str(s, false, true); }
+
+// ---------------------------------------------------------------------------
+// Records
+
+uci_element *new_item(uci_option *o, const char *value)
+{
+    CStr v = make_str(value);
+    auto *e = alloc_zeroed<uci_element>();
+    e->type = UCI_TYPE_ITEM;
+    e->name = v.release();
+    list_add_tail(&o->v.list, &e->list);
+    return e;
+}
+
+void free_item(uci_element *e)
+{
+    list_unlink(&e->list);
+    free(e->name);
+    free(e);
+}
+
+void free_option_value(uci_option *o)
+{
+    if (o->type == UCI_TYPE_LIST) {
+        uci_element *e, *tmp;
+        uci_foreach_element_safe(&o->v.list, tmp, e)
+            free_item(e);
+    } else {
+        free(o->v.string);
+    }
+}
+
+void free_option(uci_option *o)
+{
+    list_unlink(&o->e.list);
+    free_option_value(o);
+    free(o->e.name);
+    free(o);
+}
+
+// A new option linked after `after` (the section's head appends it).
+uci_option *new_option(uci_section *s, const char *name, uci_list *after)
+{
+    CStr n = make_str(name);
+    auto *o = alloc_zeroed<uci_option>();
+    o->e.type = UCI_TYPE_OPTION;
+    o->e.name = n.release();
+    o->section = s;
+    o->type = UCI_TYPE_STRING;
+    list_add_after(after ? after : s->options.prev, &o->e.list);
+    return o;
+}
+
+uci_option *new_string_option(uci_section *s, const char *name, const char *value, uci_list *after)
+{
+    CStr v = make_str(value);
+    uci_option *o = new_option(s, name, after);
+    o->v.string = v.release();
+    return o;
+}
+
+uci_option *new_list_option(uci_section *s, const char *name, uci_list *after)
+{
+    uci_option *o = new_option(s, name, after);
+    o->type = UCI_TYPE_LIST;
+    list_init(&o->v.list);
+    return o;
+}
+
+void free_section(uci_section *s)
+{
+    list_unlink(&s->e.list);
+    uci_element *e, *tmp;
+    uci_foreach_element_safe(&s->options, tmp, e)
+        free_option(uci_to_option(e));
+    free(s->e.name);
+    free(s->type);
+    free(s);
+}
+
+uci_section *find_section(uci_package *p, const char *name)
+{
+    uci_element *e;
+    uci_foreach_element(&p->sections, e) {
+        if (same(e->name, name))
+            return uci_to_section(e);
+    }
+    return nullptr;
+}
+
+uci_option *find_option(uci_section *s, const char *name)
+{
+    uci_element *e;
+    uci_foreach_element(&s->options, e) {
+        if (same(e->name, name))
+            return uci_to_option(e);
+    }
+    return nullptr;
+}
+
+uint32_t fnv1a(uint32_t h, const char *s)
+{
+    for (; s && *s; ++s) {
+        h ^= static_cast<unsigned char>(*s);
+        h *= 16777619u;
+    }
+    return h;
+}
+
+// Anonymous sections are named "cfg" + 2 hex digits of the package's section
+// counter + 4 hex digits of a hash of the type. The name only has to be unique
+// within the package and the same on every load of the same file.
+std::string anonymous_name(uci_package *p, const char *type)
+{
+    uint32_t h = fnv1a(2166136261u, type);
+    for (unsigned salt = 0;; ++salt) {
+        char buf[16];
+        snprintf(buf, sizeof buf, "cfg%02x%04x", static_cast<unsigned>(p->n_section) & 0xffu,
+                 static_cast<unsigned>((h + salt) & 0xffffu));
+        if (!find_section(p, buf))
+            return buf;
+    }
+}
+
+// Appends a section; a null name makes it anonymous with a generated name.
+uci_section *new_section(uci_package *p, const char *type, const char *name)
+{
+    CStr t = make_str(type);
+    p->n_section++;
+    CStr n = make_str(name ? name : anonymous_name(p, type).c_str());
+    auto *s = alloc_zeroed<uci_section>();
+    s->e.type = UCI_TYPE_SECTION;
+    s->e.name = n.release();
+    s->type = t.release();
+    s->package = p;
+    s->anonymous = (name == nullptr);
+    list_init(&s->options);
+    list_add_tail(&p->sections, &s->e.list);
+    return s;
+}
+
+void free_delta(uci_delta *d)
+{
+    list_unlink(&d->e.list);
+    free(d->e.name);
+    free(d->section);
+    free(d->value);
+    free(d);
+}
+
+void free_delta_list(uci_list *l)
+{
+    uci_element *e, *tmp;
+    uci_foreach_element_safe(l, tmp, e)
+        free_delta(uci_to_delta(e));
+}
+
+void add_delta(uci_list *l, uci_command cmd, const char *section, const char *option,
+               const char *value)
+{
+    CStr sec = make_str(section), opt = make_str_or_null(option), val = make_str_or_null(value);
+    auto *d = alloc_zeroed<uci_delta>();
+    d->e.type = UCI_TYPE_DELTA;
+    d->e.name = opt.release();
+    d->cmd = cmd;
+    d->section = sec.release();
+    d->value = val.release();
+    list_add_tail(l, &d->e.list);
+}
+
+void free_package(uci_package *p)
+{
+    list_unlink(&p->e.list);
+    uci_element *e, *tmp;
+    uci_foreach_element_safe(&p->sections, tmp, e)
+        free_section(uci_to_section(e));
+    free_delta_list(&p->delta);
+    free_delta_list(&p->saved_delta);
+    free(p->e.name);
+    free(p->path);
+    free(p);
+}
+
+struct PackageFree {
+    void operator()(uci_package *p) const noexcept { free_package(p); }
+};
+using PackagePtr = std::unique_ptr<uci_package, PackageFree>;
+
+PackagePtr new_package(uci_context *ctx, const char *name, const char *path)
+{
+    CStr n = make_str(name), pa = make_str_or_null(path);
+    auto *p = alloc_zeroed<uci_package>();
+    p->e.type = UCI_TYPE_PACKAGE;
+    list_init(&p->e.list);
+    p->e.name = n.release();
+    p->path = pa.release();
+    p->ctx = ctx;
+    p->backend = ctx->backend;
+    list_init(&p->sections);
+    list_init(&p->delta);
+    list_init(&p->saved_delta);
+    return PackagePtr(p);
+}
+
+uci_package *find_package(uci_context *ctx, const char *name)
+{
+    uci_element *e;
+    uci_foreach_element(&ctx->root, e) {
+        if (same(e->name, name))
+            return uci_to_package(e);
+    }
+    return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Error model
+
+void clear_parse_error(uci_context *ctx)
+{
+    free(ctx->pctx);
+    ctx->pctx = nullptr;
+}
+
+void set_parse_error(uci_context *ctx, const char *reason, int line, int byte)
+{
+    clear_parse_error(ctx);
+    auto *pc = static_cast<uci_parse_context *>(calloc(1, sizeof(uci_parse_context)));
+    if (!pc)
+        return;  // the error code still says what happened
+    pc->reason = reason;
+    pc->line = line;
+    pc->byte = byte;
+    ctx->pctx = pc;
+}
+
+const char *const kErrorTexts[UCI_ERR_LAST] = {
+    "Success", "Out of memory", "Invalid argument", "Entry not found",
+    "I/O error", "Parse error", "Duplicate entry", "Unknown error",
+};
+
+std::string error_text(uci_context *ctx, const char *prefix)
+{
+    int err = ctx->err;
+    if (err < 0 || err >= UCI_ERR_LAST)
+        err = UCI_ERR_UNKNOWN;
+    std::string s;
+    if (prefix) {
+        s += prefix;
+        s += ": ";
+    }
+    s += kErrorTexts[err];
+    if (err == UCI_ERR_PARSE && ctx->pctx) {
+        s += " (";
+        s += ctx->pctx->reason ? ctx->pctx->reason : "unknown";
+        s += ") at line " + std::to_string(ctx->pctx->line) + ", byte " +
+             std::to_string(ctx->pctx->byte);
+    }
+    return s;
+}
+
+// Runs one public call: resets the error state, runs f, stores and returns
+// its code. Nothing thrown inside crosses into C callers.
+template <typename F>
+int guarded(uci_context *ctx, F &&f) noexcept
+{
+    if (!ctx)
+        return UCI_ERR_INVAL;
+    ctx->err = UCI_OK;
+    clear_parse_error(ctx);
+    int rc;
+    try {
+        rc = f();
+    } catch (const std::bad_alloc &) {
+        rc = UCI_ERR_MEM;
+    } catch (...) {
+        rc = UCI_ERR_UNKNOWN;
+    }
+    ctx->err = rc;
+    return rc;
+}
+
+// ---------------------------------------------------------------------------
+// Files and locks
+
+class UniqueFd {
+public:
+    explicit UniqueFd(int fd = -1) noexcept : fd_(fd) {}
+    ~UniqueFd() { reset(); }
+    UniqueFd(const UniqueFd &) = delete;
+    UniqueFd &operator=(const UniqueFd &) = delete;
+    UniqueFd(UniqueFd &&o) noexcept : fd_(o.release()) {}
+    UniqueFd &operator=(UniqueFd &&o) noexcept
+    {
+        reset(o.release());
+        return *this;
+    }
+    int get() const noexcept { return fd_; }
+    explicit operator bool() const noexcept { return fd_ >= 0; }
+    int release() noexcept
+    {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void reset(int fd = -1) noexcept
+    {
+        if (fd_ >= 0)
+            close(fd_);  // closing drops any flock held through it
+        fd_ = fd;
+    }
+
+private:
+    int fd_;
+};
+
+struct FileClose {
+    void operator()(FILE *f) const noexcept { fclose(f); }
+};
+using FilePtr = std::unique_ptr<FILE, FileClose>;
+
+bool lock_fd(int fd, int op)
+{
+    while (flock(fd, op) != 0) {
+        if (errno != EINTR)
+            return false;
+    }
+    return true;
+}
+
+std::string dir_of(const std::string &path)
+{
+    size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Locks a directory as a whole. Returns an empty holder when the directory
+// cannot be opened; the file operation that follows then reports the error.
+UniqueFd lock_dir(const std::string &dir, int op)
+{
+    UniqueFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd && !lock_fd(fd.get(), op))
+        fd.reset();
+    return fd;
+}
+
+bool read_fd(int fd, std::string &out)
+{
+    out.clear();
+    char buf[4096];
+    off_t off = 0;
+    for (;;) {
+        ssize_t n = pread(fd, buf, sizeof buf, off);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        if (n == 0)
+            return true;
+        out.append(buf, static_cast<size_t>(n));
+        off += n;
+    }
+}
+
+bool write_fd(int fd, const std::string &data)
+{
+    size_t done = 0;
+    while (done < data.size()) {
+        ssize_t n = write(fd, data.data() + done, data.size() - done);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Reads a package file: UCI_ERR_NOTFOUND when missing or not a regular file.
+int read_package_file(const std::string &path, std::string &out)
+{
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd)
+        return (errno == ENOENT || errno == ENOTDIR) ? UCI_ERR_NOTFOUND : UCI_ERR_IO;
+    struct stat st;
+    if (fstat(fd.get(), &st) != 0)
+        return UCI_ERR_IO;
+    if (!S_ISREG(st.st_mode))
+        return UCI_ERR_NOTFOUND;
+    return read_fd(fd.get(), out) ? UCI_OK : UCI_ERR_IO;
+}
+
+// Reads a delta file under a shared lock; a missing file reads as empty.
+bool read_delta_file(const std::string &path, std::string &out)
+{
+    out.clear();
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd)
+        return errno == ENOENT || errno == ENOTDIR;
+    return lock_fd(fd.get(), LOCK_SH) && read_fd(fd.get(), out);
+}
+
+mode_t file_mode_or(const char *path, mode_t fallback)
+{
+    struct stat st;
+    if (path && stat(path, &st) == 0)
+        return st.st_mode & 07777;
+    return fallback;
+}
+
+// ---------------------------------------------------------------------------
+// Tokens: the word rules shared by package files and delta files.
+//   - blanks separate words; a newline, an unquoted ';' or '#' ends a command
+//     ('#' starts a comment to the end of the line);
+//   - '...' is literal and may span lines;
+//   - "..." may span lines; backslash + character gives the character;
+//   - outside single quotes a backslash before the end of a line joins lines;
+//   - quoted and unquoted pieces run together into one word.
+
+class Tokenizer {
+public:
+    enum class Result { Command, End, Error };
+
+    explicit Tokenizer(const std::string &text) : text_(text) {}
+
+    // Reads the words of the next non-empty command.
+    Result next(std::vector<std::string> &words)
+    {
+        words.clear();
+        for (;;) {
+            while (pos_ < text_.size() && is_blank(text_[pos_]))
+                ++pos_;
+            if (pos_ >= text_.size())
+                return words.empty() ? Result::End : Result::Command;
+            char c = text_[pos_];
+            if (c == '\n') {
+                if (!words.empty())
+                    return Result::Command;  // the newline is consumed next time
+                newline_at(pos_++);
+            } else if (c == '#') {
+                while (pos_ < text_.size() && text_[pos_] != '\n')
+                    ++pos_;
+            } else if (c == ';') {
+                ++pos_;
+                if (!words.empty())
+                    return Result::Command;
+            } else {
+                std::string w;
+                if (!read_word(w))
+                    return Result::Error;
+                words.push_back(std::move(w));
+            }
+        }
+    }
+
+    const char *reason() const { return reason_; }
+    int line() const { return line_; }
+    int byte() const { return static_cast<int>(pos_ - line_start_); }
+
+private:
+    void mark_quote()
+    {
+        quote_line_ = line_;
+        quote_start_ = line_start_;
+        quote_pos_ = pos_;
+    }
+
+    // An open quote is reported where it was opened, not at the end of input.
+    bool unterminated(const char *reason)
+    {
+        reason_ = reason;
+        line_ = quote_line_;
+        line_start_ = quote_start_;
+        pos_ = quote_pos_;
+        return false;
+    }
+
+    static bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+
+    void newline_at(size_t pos)
+    {
+        ++line_;
+        line_start_ = pos + 1;
+    }
+
+    // Backslash outside single quotes: before a line end it joins the lines,
+    // otherwise the next character is taken as it is.
+    void backslash(std::string &w)
+    {
+        ++pos_;
+        if (pos_ >= text_.size())
+            return;
+        if (text_[pos_] == '\r' && pos_ + 1 < text_.size() && text_[pos_ + 1] == '\n')
+            ++pos_;
+        if (text_[pos_] == '\n') {
+            newline_at(pos_++);
+            return;
+        }
+        w += text_[pos_++];
+    }
+
+    bool read_word(std::string &w)
+    {
+        while (pos_ < text_.size()) {
+            char c = text_[pos_];
+            if (is_blank(c) || c == '\n' || c == '#' || c == ';')
+                return true;
+            if (c == '\'') {
+                mark_quote();
+                ++pos_;
+                for (;;) {
+                    if (pos_ >= text_.size())
+                        return unterminated("EOF with unterminated '");
+                    c = text_[pos_];
+                    if (c == '\'')
+                        break;
+                    if (c == '\n')
+                        newline_at(pos_);
+                    w += c;
+                    ++pos_;
+                }
+                ++pos_;
+            } else if (c == '"') {
+                mark_quote();
+                ++pos_;
+                for (;;) {
+                    if (pos_ >= text_.size())
+                        return unterminated("EOF with unterminated \"");
+                    c = text_[pos_];
+                    if (c == '"')
+                        break;
+                    if (c == '\\') {
+                        backslash(w);
+                        continue;
+                    }
+                    if (c == '\n')
+                        newline_at(pos_);
+                    w += c;
+                    ++pos_;
+                }
+                ++pos_;
+            } else if (c == '\\') {
+                backslash(w);
+            } else {
+                w += c;
+                ++pos_;
+            }
+        }
+        return true;
+    }
+
+    const std::string &text_;
+    size_t pos_ = 0;
+    int line_ = 1;
+    size_t line_start_ = 0;
+    const char *reason_ = nullptr;
+    int quote_line_ = 1;
+    size_t quote_start_ = 0, quote_pos_ = 0;
+};
+
+// Single-quoted, with an embedded ' written as '\'' so it reads back as is.
+void append_quoted(std::string &out, const char *value)
+{
+    out += '\'';
+    for (const char *c = str_or_empty(value); *c; ++c) {
+        if (*c == '\'')
+            out += "'\\''";
+        else
+            out += *c;
+    }
+    out += '\'';
+}
+
+// ---------------------------------------------------------------------------
+// Package file parser
+
+bool keyword_is(const std::string &word, const char *keyword)
+{
+    return word == keyword || (word.size() == 1 && word[0] == keyword[0]);
+}
+
+// A repeated option replaces the earlier one and moves to the end.
+void parse_option(uci_section *s, const std::string &name, const std::string &value)
+{
+    if (value.empty())
+        return;  // the store never holds empty string options
+    if (uci_option *old = find_option(s, name.c_str()))
+        free_option(old);
+    new_string_option(s, name.c_str(), value.c_str(), nullptr);
+}
+
+void append_list_item(uci_section *s, uci_option *o, const char *name, const char *value)
+{
+    if (o && o->type == UCI_TYPE_STRING) {
+        // A string option becomes a list whose first item is its old value.
+        uci_option *l = new_list_option(s, name, &o->e.list);
+        new_item(l, o->v.string);
+        free_option(o);
+        o = l;
+    } else if (!o) {
+        o = new_list_option(s, name, nullptr);
+    }
+    new_item(o, value);
+}
+
+// Applies one command to p; returns the reason of a syntax error or null.
+const char *parse_command(uci_package *p, const std::vector<std::string> &w, uci_section *&cur)
+{
+    const std::string &kw = w[0];
+    if (keyword_is(kw, "package")) {
+        if (w.size() < 2)
+            return "insufficient arguments";
+        if (w.size() > 2)
+            return "too many arguments";
+        if (!valid_package(w[1].c_str()))
+            return "invalid character in name field";
+        return nullptr;  // a file holds one package; its name comes from the file
+    }
+    if (keyword_is(kw, "config")) {
+        if (w.size() < 2)
+            return "insufficient arguments";
+        if (w.size() > 3)
+            return "too many arguments";
+        if (!valid_type(w[1].c_str()))
+            return "invalid character in type field";
+        const char *name = (w.size() == 3 && !w[2].empty()) ? w[2].c_str() : nullptr;
+        if (name) {
+            if (!valid_name(name))
+                return "invalid character in name field";
+            if (uci_section *s = find_section(p, name)) {
+                if (strcmp(s->type, w[1].c_str()) != 0)
+                    return "section of different type overwrites prior section with same name";
+                cur = s;
+                return nullptr;
+            }
+        }
+        cur = new_section(p, w[1].c_str(), name);
+        return nullptr;
+    }
+    if (keyword_is(kw, "option") || keyword_is(kw, "list")) {
+        if (!cur)
+            return "option/list command found before the first section";
+        if (w.size() < 2)
+            return "insufficient arguments";
+        if (w.size() > 3)
+            return "too many arguments";
+        if (!valid_name(w[1].c_str()))
+            return "invalid character in name field";
+        if (w.size() < 3)
+            return nullptr;  // no value: ignored
+        if (kw[0] == 'l')
+            append_list_item(cur, find_option(cur, w[1].c_str()), w[1].c_str(), w[2].c_str());
+        else
+            parse_option(cur, w[1], w[2]);
+        return nullptr;
+    }
+    return "invalid command";
+}
+
+void print_parse_error(uci_context *ctx)
+{
+    int saved = ctx->err;
+    ctx->err = UCI_ERR_PARSE;
+    fprintf(stderr, "%s\n", error_text(ctx, nullptr).c_str());
+    ctx->err = saved;
+}
+
+// Strict: the first error fails the parse with UCI_ERR_PARSE and its position.
+// Otherwise a bad command is skipped (and printed with UCI_FLAG_PERROR).
+int parse_package_text(uci_context *ctx, uci_package *p, const std::string &text)
+{
+    Tokenizer tk(text);
+    std::vector<std::string> words;
+    uci_section *cur = nullptr;
+    for (;;) {
+        Tokenizer::Result r = tk.next(words);
+        if (r == Tokenizer::Result::End)
+            return UCI_OK;
+        const char *reason = (r == Tokenizer::Result::Error) ? tk.reason()
+                                                              : parse_command(p, words, cur);
+        if (!reason)
+            continue;
+        set_parse_error(ctx, reason, tk.line(), tk.byte());
+        if (ctx->flags & UCI_FLAG_STRICT)
+            return UCI_ERR_PARSE;
+        if (ctx->flags & UCI_FLAG_PERROR)
+            print_parse_error(ctx);
+        clear_parse_error(ctx);
+        if (r == Tokenizer::Result::Error)
+            return UCI_OK;  // the input ended inside a quote
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Lookup strings: "package[.section[.option]][=value]", split in place.
+
+int parse_ptr_str(uci_ptr *ptr, char *str)
+{
+    memset(ptr, 0, sizeof *ptr);
+    if (!str)
+        return UCI_ERR_INVAL;
+    if (char *eq = strchr(str, '=')) {
+        *eq = '\0';
+        ptr->value = eq + 1;
+    }
+    ptr->package = str;
+    ptr->target = UCI_TYPE_PACKAGE;
+    if (char *dot = strchr(str, '.')) {
+        *dot = '\0';
+        char *section = dot + 1;
+        ptr->section = section;
+        ptr->target = UCI_TYPE_SECTION;
+        if (char *dot2 = strchr(section, '.')) {
+            *dot2 = '\0';
+            ptr->option = dot2 + 1;
+            ptr->target = UCI_TYPE_OPTION;
+            if (strchr(ptr->option, '.'))
+                return UCI_ERR_PARSE;
+        }
+    }
+    if (!valid_package(ptr->package))
+        return UCI_ERR_PARSE;
+    if (ptr->section) {
+        if (!*ptr->section)
+            return UCI_ERR_PARSE;
+        if (!valid_name(ptr->section))
+            ptr->flags |= UCI_LOOKUP_EXTENDED;
+    }
+    if (ptr->option && !valid_name(ptr->option))
+        return UCI_ERR_PARSE;
+    if (ptr->value && !uci_validate_text(ptr->value))
+        return UCI_ERR_PARSE;
+    return UCI_OK;
+}
+
+// "@type[index]" or "@[index]": the index-th section (of that type) in file
+// order, counted from the end when negative. Out of range finds nothing.
+int lookup_extended_section(uci_ptr *ptr)
+{
+    const char *sec = ptr->section;
+    if (sec[0] != '@')
+        return UCI_ERR_INVAL;
+    const char *open = strchr(sec, '[');
+    if (!open)
+        return UCI_ERR_INVAL;
+    std::string type(sec + 1, open);
+    if (!type.empty() && !valid_type(type.c_str()))
+        return UCI_ERR_INVAL;
+    char *end = nullptr;
+    errno = 0;
+    long idx = strtol(open + 1, &end, 10);
+    if (end == open + 1 || *end != ']' || end[1] != '\0' || errno != 0)
+        return UCI_ERR_INVAL;
+
+    std::vector<uci_section *> match;
+    uci_element *e;
+    uci_foreach_element(&ptr->p->sections, e) {
+        uci_section *s = uci_to_section(e);
+        if (type.empty() || type == s->type)
+            match.push_back(s);
+    }
+    long n = static_cast<long>(match.size());
+    if (idx < 0)
+        idx += n;
+    ptr->s = nullptr;
+    if (idx >= 0 && idx < n) {
+        ptr->s = match[static_cast<size_t>(idx)];
+        ptr->section = ptr->s->e.name;
+    }
+    return UCI_OK;
+}
+
+int load_package(uci_context *ctx, const char *name, uci_package **out, struct HeldLocks *held);
+
+// Fills p, s, o and last from the names; a missing section or option is not
+// an error (UCI_LOOKUP_COMPLETE stays clear).
+int resolve_ptr(uci_context *ctx, uci_ptr *ptr, bool extended)
+{
+    if (!ptr->p) {
+        if (!ptr->package)
+            return UCI_ERR_INVAL;
+        ptr->p = find_package(ctx, ptr->package);
+        if (!ptr->p) {
+            int rc = load_package(ctx, ptr->package, &ptr->p, nullptr);
+            if (rc != UCI_OK)
+                return rc;
+        }
+    }
+    if (!ptr->package)
+        ptr->package = ptr->p->e.name;
+    ptr->last = &ptr->p->e;
+    ptr->o = nullptr;
+    if (ptr->section) {
+        ptr->s = nullptr;
+        if (ptr->flags & UCI_LOOKUP_EXTENDED) {
+            if (!extended)
+                return UCI_ERR_INVAL;
+            int rc = lookup_extended_section(ptr);
+            if (rc != UCI_OK)
+                return rc;
+        } else {
+            ptr->s = find_section(ptr->p, ptr->section);
+        }
+    } else if (ptr->s) {
+        ptr->section = ptr->s->e.name;
+    }
+    bool complete = !ptr->section || ptr->s;
+    if (ptr->s) {
+        ptr->last = &ptr->s->e;
+        if (ptr->option) {
+            ptr->o = find_option(ptr->s, ptr->option);
+            if (ptr->o)
+                ptr->last = &ptr->o->e;
+        }
+    }
+    if (ptr->option && !ptr->o)
+        complete = false;
+    if (ptr->target == UCI_TYPE_UNSPEC)
+        ptr->target = ptr->option ? UCI_TYPE_OPTION
+                    : ptr->section ? UCI_TYPE_SECTION : UCI_TYPE_PACKAGE;
+    ptr->flags |= UCI_LOOKUP_DONE;
+    if (complete)
+        ptr->flags |= UCI_LOOKUP_COMPLETE;
+    else
+        ptr->flags &= ~UCI_LOOKUP_COMPLETE;
+    return UCI_OK;
+}
+
+// Changes take a ptr that a caller may have filled by hand: look it up by
+// plain names unless a lookup already ran.
+int ensure_resolved(uci_context *ctx, uci_ptr *ptr)
+{
+    if (ptr->flags & UCI_LOOKUP_DONE)
+        return ptr->p ? UCI_OK : UCI_ERR_INVAL;
+    return resolve_ptr(ctx, ptr, false);
+}
+
+// ---------------------------------------------------------------------------
+// Changes. `record` is false while replaying delta files.
+
+int set_impl(uci_ptr *ptr, bool record)
+{
+    if (!ptr->value || !ptr->section || !uci_validate_text(ptr->value))
+        return UCI_ERR_INVAL;
+    uci_package *p = ptr->p;
+    if (!*ptr->value) {
+        // An empty value deletes what it names; nothing there is no error.
+        if (ptr->option) {
+            if (ptr->o) {
+                if (record)
+                    add_delta(&p->delta, UCI_CMD_REMOVE, ptr->section, ptr->option, nullptr);
+                free_option(ptr->o);
+                ptr->o = nullptr;
+            }
+        } else if (ptr->s) {
+            if (record)
+                add_delta(&p->delta, UCI_CMD_REMOVE, ptr->section, nullptr, nullptr);
+            free_section(ptr->s);
+            ptr->s = nullptr;
+        }
+        ptr->last = ptr->s ? &ptr->s->e : &p->e;
+        return UCI_OK;
+    }
+    if (ptr->option) {
+        if (!ptr->s || !valid_name(ptr->option))
+            return UCI_ERR_INVAL;
+        uci_option *old = ptr->o;
+        if (old && old->type == UCI_TYPE_STRING && strcmp(old->v.string, ptr->value) == 0)
+            return UCI_OK;
+        // Record first: ptr's strings may point into the records replaced below.
+        if (record)
+            add_delta(&p->delta, UCI_CMD_CHANGE, ptr->section, ptr->option, ptr->value);
+        ptr->o = new_string_option(ptr->s, ptr->option, ptr->value, old ? &old->e.list : nullptr);
+        if (old)
+            free_option(old);
+        ptr->option = ptr->o->e.name;
+        ptr->last = &ptr->o->e;
+        return UCI_OK;
+    }
+    if (!valid_type(ptr->value))
+        return UCI_ERR_INVAL;
+    if (!ptr->s) {
+        if (!valid_name(ptr->section))
+            return UCI_ERR_INVAL;
+        ptr->s = new_section(p, ptr->value, ptr->section);
+        ptr->section = ptr->s->e.name;
+    } else if (strcmp(ptr->s->type, ptr->value) == 0) {
+        return UCI_OK;
+    } else {
+        CStr t = make_str(ptr->value);
+        free(ptr->s->type);
+        ptr->s->type = t.release();
+    }
+    if (record)
+        add_delta(&p->delta, UCI_CMD_CHANGE, ptr->section, nullptr, ptr->value);
+    ptr->last = &ptr->s->e;
+    return UCI_OK;
+}
+
+int add_list_impl(uci_ptr *ptr, bool record)
+{
+    if (!ptr->value || !uci_validate_text(ptr->value) || !ptr->s || !ptr->option ||
+        !valid_name(ptr->option))
+        return UCI_ERR_INVAL;
+    if (record)
+        add_delta(&ptr->p->delta, UCI_CMD_LIST_ADD, ptr->section, ptr->option, ptr->value);
+    append_list_item(ptr->s, ptr->o, ptr->option, ptr->value);
+    ptr->o = find_option(ptr->s, ptr->option);
+    ptr->option = ptr->o->e.name;
+    ptr->last = &ptr->o->e;
+    return UCI_OK;
+}
+
+int del_list_impl(uci_ptr *ptr, bool record)
+{
+    if (!ptr->value)
+        return UCI_ERR_INVAL;
+    if (!ptr->o || ptr->o->type != UCI_TYPE_LIST)
+        return UCI_OK;
+    if (record)
+        add_delta(&ptr->p->delta, UCI_CMD_LIST_DEL, ptr->section, ptr->option, ptr->value);
+    uci_element *e, *tmp;
+    uci_foreach_element_safe(&ptr->o->v.list, tmp, e) {
+        if (strcmp(e->name, ptr->value) == 0)
+            free_item(e);
+    }
+    return UCI_OK;
+}
+
+// With a value on a list option the value is the index of the one item to go.
+int delete_impl(uci_ptr *ptr, bool record)
+{
+    if (!ptr->section)
+        return UCI_ERR_INVAL;
+    if (!ptr->s || (ptr->option && !ptr->o))
+        return UCI_ERR_NOTFOUND;
+    uci_package *p = ptr->p;
+    if (ptr->o && ptr->o->type == UCI_TYPE_LIST && ptr->value && *ptr->value) {
+        char *end = nullptr;
+        errno = 0;
+        long idx = strtol(ptr->value, &end, 10);
+        if (*end != '\0' || errno != 0)
+            return UCI_ERR_INVAL;
+        uci_element *e;
+        long i = 0;
+        uci_foreach_element(&ptr->o->v.list, e) {
+            if (i++ == idx) {
+                if (record)
+                    add_delta(&p->delta, UCI_CMD_REMOVE, ptr->section, ptr->option, ptr->value);
+                free_item(e);
+                return UCI_OK;
+            }
+        }
+        return UCI_ERR_NOTFOUND;
+    }
+    if (record)
+        add_delta(&p->delta, UCI_CMD_REMOVE, ptr->section, ptr->option, nullptr);
+    if (ptr->o) {
+        free_option(ptr->o);
+        ptr->o = nullptr;
+        ptr->last = &ptr->s->e;
+    } else {
+        free_section(ptr->s);
+        ptr->s = nullptr;
+        ptr->last = &p->e;
+    }
+    return UCI_OK;
+}
+
+int rename_impl(uci_ptr *ptr, bool record)
+{
+    if (!ptr->section)
+        return UCI_ERR_INVAL;
+    if (!ptr->s || (ptr->option && !ptr->o))
+        return UCI_ERR_NOTFOUND;
+    if (!ptr->value || !valid_name(ptr->value))
+        return UCI_ERR_INVAL;
+    uci_element *e = ptr->o ? &ptr->o->e : &ptr->s->e;
+    if (strcmp(e->name, ptr->value) == 0)
+        return UCI_OK;
+    bool taken = ptr->o ? find_option(ptr->s, ptr->value) != nullptr
+                        : find_section(ptr->p, ptr->value) != nullptr;
+    if (taken)
+        return UCI_ERR_DUPLICATE;
+    CStr n = make_str(ptr->value);
+    if (record)
+        add_delta(&ptr->p->delta, UCI_CMD_RENAME, ptr->section, ptr->option, ptr->value);
+    free(e->name);
+    e->name = n.release();
+    if (ptr->o)
+        ptr->option = e->name;
+    else
+        ptr->section = e->name;
+    if (!ptr->o)
+        ptr->s->anonymous = false;  // a name given by hand is kept on export
+    return UCI_OK;
+}
+
+int reorder_impl(uci_section *s, int pos, bool record)
+{
+    uci_package *p = s->package;
+    if (record)
+        add_delta(&p->delta, UCI_CMD_REORDER, s->e.name, nullptr, std::to_string(pos).c_str());
+    list_unlink(&s->e.list);
+    uci_list *at = &p->sections;  // insert after `at`
+    for (int i = 0; i < pos && at->next != &p->sections; ++i)
+        at = at->next;
+    list_add_after(at, &s->e.list);
+    return UCI_OK;
+}
+
+int add_section_impl(uci_package *p, const char *type, uci_section **res, bool record,
+                     const char *name = nullptr)
+{
+    // Types are checked here too: a type the parser would refuse would make
+    // the committed file unreadable.
+    if (!valid_type(type))
+        return UCI_ERR_INVAL;
+    uci_section *s = new_section(p, type, nullptr);
+    if (name) {
+        CStr n = make_str(name);
+        free(s->e.name);
+        s->e.name = n.release();
+    }
+    if (record)
+        add_delta(&p->delta, UCI_CMD_ADD, s->e.name, nullptr, type);
+    if (res)
+        *res = s;
+    return UCI_OK;
+}
+
+// ---------------------------------------------------------------------------
+// Delta files
+
+void append_delta_line(std::string &out, const char *package, const uci_delta *d)
+{
+    switch (d->cmd) {
+    case UCI_CMD_ADD: out += '+'; break;
+    case UCI_CMD_REMOVE: out += '-'; break;
+    case UCI_CMD_RENAME: out += '@'; break;
+    case UCI_CMD_REORDER: out += '^'; break;
+    case UCI_CMD_LIST_ADD: out += '|'; break;
+    case UCI_CMD_LIST_DEL: out += '~'; break;
+    case UCI_CMD_CHANGE: break;
+    }
+    out += package;
+    out += '.';
+    out += d->section;
+    if (d->e.name) {
+        out += '.';
+        out += d->e.name;
+    }
+    if (d->value) {
+        out += '=';
+        append_quoted(out, d->value);
+    }
+    out += '\n';
+}
+
+// One delta line, split into its command and lookup string.
+struct DeltaLine {
+    uci_command cmd = UCI_CMD_CHANGE;
+    std::vector<char> buf;  // holds the strings ptr points into
+    uci_ptr ptr{};
+};
+
+bool parse_delta_line(const std::string &word, DeltaLine &dl)
+{
+    size_t start = 1;
+    switch (word.empty() ? '\0' : word[0]) {
+    case '+': dl.cmd = UCI_CMD_ADD; break;
+    case '-': dl.cmd = UCI_CMD_REMOVE; break;
+    case '@': dl.cmd = UCI_CMD_RENAME; break;
+    case '^': dl.cmd = UCI_CMD_REORDER; break;
+    case '|': dl.cmd = UCI_CMD_LIST_ADD; break;
+    case '~': dl.cmd = UCI_CMD_LIST_DEL; break;
+    default: dl.cmd = UCI_CMD_CHANGE; start = 0; break;
+    }
+    dl.buf.assign(word.begin() + static_cast<long>(std::min(start, word.size())), word.end());
+    dl.buf.push_back('\0');
+    if (parse_ptr_str(&dl.ptr, dl.buf.data()) != UCI_OK)
+        return false;
+    // Index syntax is not stored in delta files; a value is required by all
+    // but deletions.
+    if ((dl.ptr.flags & UCI_LOOKUP_EXTENDED) || !dl.ptr.section)
+        return false;
+    return dl.cmd == UCI_CMD_REMOVE || dl.ptr.value;
+}
+
+int apply_delta(uci_context *ctx, uci_package *p, DeltaLine &dl)
+{
+    uci_ptr &ptr = dl.ptr;
+    ptr.p = p;
+    int rc = resolve_ptr(ctx, &ptr, false);
+    if (rc != UCI_OK)
+        return rc;
+    switch (dl.cmd) {
+    case UCI_CMD_ADD:
+        if (ptr.option || ptr.s || !valid_name(ptr.section))
+            return UCI_ERR_INVAL;
+        rc = add_section_impl(p, ptr.value, nullptr, false, ptr.section);
+        if (rc == UCI_OK)
+            find_section(p, ptr.section)->anonymous = true;
+        return rc;
+    case UCI_CMD_REMOVE: return delete_impl(&ptr, false);
+    case UCI_CMD_CHANGE: return set_impl(&ptr, false);
+    case UCI_CMD_RENAME: return rename_impl(&ptr, false);
+    case UCI_CMD_REORDER:
+        if (!ptr.s || ptr.option)
+            return UCI_ERR_NOTFOUND;
+        return reorder_impl(ptr.s, atoi(ptr.value), false);
+    case UCI_CMD_LIST_ADD: return add_list_impl(&ptr, false);
+    case UCI_CMD_LIST_DEL: return del_list_impl(&ptr, false);
+    }
+    return UCI_ERR_INVAL;
+}
+
+// Replays the lines of one delta file onto p. Lines of other packages and
+// lines that do not parse or apply are skipped. Counts the lines seen.
+void replay_deltas(uci_context *ctx, uci_package *p, const std::string &text, int *lines)
+{
+    Tokenizer tk(text);
+    std::vector<std::string> words;
+    while (tk.next(words) == Tokenizer::Result::Command) {
+        if (lines)
+            ++*lines;
+        DeltaLine dl;
+        if (words.size() != 1 || !parse_delta_line(words[0], dl))
+            continue;
+        if (strcmp(dl.ptr.package, p->e.name) != 0)
+            continue;
+        uci_command cmd = dl.cmd;
+        const std::string sec = dl.ptr.section;
+        const std::string opt = str_or_empty(dl.ptr.option);
+        const bool has_opt = dl.ptr.option != nullptr;
+        const bool has_value = dl.ptr.value != nullptr;
+        const std::string value = str_or_empty(dl.ptr.value);
+        if (apply_delta(ctx, p, dl) != UCI_OK)
+            continue;
+        if (ctx->flags & UCI_FLAG_SAVED_DELTA)
+            add_delta(&p->saved_delta, cmd, sec.c_str(), has_opt ? opt.c_str() : nullptr,
+                      has_value ? value.c_str() : nullptr);
+    }
+}
+
+// Locks that a caller (commit) already holds, so loading must not take them
+// again: flock on a second descriptor of the same file would wait for ever.
+struct HeldLocks {
+    bool dir = false;       // the package directory, exclusively
+    int savedir_fd = -1;    // <savedir>/<name>, exclusively; -1: no such file
+    int lines = 0;          // delta lines seen while loading
+};
+
+std::string savedir_file(uci_context *ctx, const char *name)
+{
+    return std::string(ctx->savedir) + "/" + name;
+}
+
+int load_package(uci_context *ctx, const char *name, uci_package **out, HeldLocks *held)
+{
+    if (!name || !out)
+        return UCI_ERR_INVAL;
+    *out = nullptr;
+    std::string path, pkgname;
+    bool in_confdir = !(name[0] == '/' || (name[0] == '.' && name[1] == '/'));
+    if (in_confdir) {
+        if (strchr(name, '/'))
+            return UCI_ERR_INVAL;
+        pkgname = name;
+        path = std::string(ctx->confdir) + "/" + name;
+    } else {
+        path = name;
+        pkgname = path.substr(path.rfind('/') + 1);
+    }
+    if (!valid_package(pkgname.c_str()))
+        return UCI_ERR_INVAL;
+    if (find_package(ctx, pkgname.c_str()))
+        return UCI_ERR_DUPLICATE;
+
+    // The directory lock keeps a commit from running between reading the
+    // file and reading the deltas it has just folded in.
+    UniqueFd dir_lock;
+    if (!held || !held->dir)
+        dir_lock = lock_dir(dir_of(path), LOCK_SH);
+    std::string text;
+    int rc = read_package_file(path, text);
+    if (rc != UCI_OK)
+        return rc;
+    PackagePtr p = new_package(ctx, pkgname.c_str(), path.c_str());
+    rc = parse_package_text(ctx, p.get(), text);
+    if (rc != UCI_OK)
+        return rc;
+    if (in_confdir) {
+        p->has_delta = true;
+        uci_element *e;
+        uci_foreach_element(&ctx->delta_path, e) {
+            std::string file = std::string(e->name) + "/" + pkgname;
+            bool ok;
+            if (held && held->savedir_fd >= 0 && file == savedir_file(ctx, pkgname.c_str()))
+                ok = read_fd(held->savedir_fd, text);
+            else
+                ok = read_delta_file(file, text);
+            if (!ok)
+                return UCI_ERR_IO;
+            replay_deltas(ctx, p.get(), text, held ? &held->lines : nullptr);
+        }
+    }
+    list_add_tail(&ctx->root, &p->e.list);
+    *out = p.release();
+    return UCI_OK;
+}
+
+int save_impl(uci_context *ctx, uci_package *p);
+int write_package(uci_context *ctx, uci_package *p);
+
+int save_impl(uci_context *ctx, uci_package *p)
+{
+    if (!p)
+        return UCI_ERR_INVAL;
+    if (!p->has_delta)
+        return write_package(ctx, p);  // no delta files for packages loaded by path
+    if (uci_list_empty(&p->delta))
+        return UCI_OK;
+    if (mkdir(ctx->savedir, file_mode_or(ctx->confdir, UCI_DIRMODE)) != 0 && errno != EEXIST)
+        return UCI_ERR_IO;
+    std::string lines;
+    uci_element *e;
+    uci_foreach_element(&p->delta, e)
+        append_delta_line(lines, p->e.name, uci_to_delta(e));
+    std::string file = savedir_file(ctx, p->e.name);
+    UniqueFd fd(open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC,
+                     file_mode_or(p->path, UCI_FILEMODE)));
+    if (!fd || !lock_fd(fd.get(), LOCK_EX) || !write_fd(fd.get(), lines))
+        return UCI_ERR_IO;
+    fd.reset();
+    if (ctx->flags & UCI_FLAG_SAVED_DELTA) {
+        uci_element *tmp;
+        uci_foreach_element_safe(&p->delta, tmp, e) {
+            list_unlink(&e->list);
+            list_add_tail(&p->saved_delta, &e->list);
+        }
+    } else {
+        free_delta_list(&p->delta);
+    }
+    return UCI_OK;
+}
+
+void write_type(std::string &out, const char *type)
+{
+    // Types may hold characters that mean something to the parser.
+    if (strpbrk(type, "'\"\\#;"))
+        append_quoted(out, type);
+    else
+        out += type;
+}
+
+std::string export_text(uci_context *ctx, uci_package *p, bool header)
+{
+    std::string out;
+    if (header) {
+        out += "package ";
+        out += p->e.name;
+        out += '\n';
+    }
+    uci_element *se;
+    uci_foreach_element(&p->sections, se) {
+        uci_section *s = uci_to_section(se);
+        out += "\nconfig ";
+        write_type(out, s->type);
+        if (!s->anonymous || (ctx->flags & UCI_FLAG_EXPORT_NAME)) {
+            out += ' ';
+            append_quoted(out, s->e.name);
+        }
+        out += '\n';
+        uci_element *oe;
+        uci_foreach_element(&s->options, oe) {
+            uci_option *o = uci_to_option(oe);
+            if (o->type == UCI_TYPE_STRING) {
+                out += "\toption ";
+                out += o->e.name;
+                out += ' ';
+                append_quoted(out, o->v.string);
+                out += '\n';
+                continue;
+            }
+            uci_element *ie;
+            uci_foreach_element(&o->v.list, ie) {
+                out += "\tlist ";
+                out += o->e.name;
+                out += ' ';
+                append_quoted(out, ie->name);
+                out += '\n';
+            }
+        }
+    }
+    out += '\n';
+    return out;
+}
+
+// Removes a temporary file unless the rename that publishes it went through.
+class TempFile {
+public:
+    explicit TempFile(std::string path) : path_(std::move(path)) {}
+    ~TempFile()
+    {
+        if (!path_.empty())
+            unlink(path_.c_str());
+    }
+    TempFile(const TempFile &) = delete;
+    TempFile &operator=(const TempFile &) = delete;
+    void keep() { path_.clear(); }
+
+private:
+    std::string path_;
+};
+
+// Writes p to its file through a temporary file in the same directory and a
+// rename, so readers see the old or the new file, never a part of one.
+// The caller holds the directory lock.
+int write_package_locked(uci_context *ctx, uci_package *p)
+{
+    std::string target = p->path;
+    if (char *real = realpath(p->path, nullptr)) {
+        target = real;
+        free(real);
+    }
+    std::string tmpl = dir_of(target) + "/." + p->e.name + ".uci-XXXXXX";
+    std::vector<char> name(tmpl.begin(), tmpl.end());
+    name.push_back('\0');
+    UniqueFd fd(mkostemp(name.data(), O_CLOEXEC));
+    if (!fd)
+        return UCI_ERR_IO;
+    TempFile tmp(name.data());
+    mode_t mode = file_mode_or(target.c_str(), UCI_FILEMODE);
+    if (!write_fd(fd.get(), export_text(ctx, p, false)) || fchmod(fd.get(), mode) != 0 ||
+        fsync(fd.get()) != 0)
+        return UCI_ERR_IO;
+    fd.reset();
+    if (rename(name.data(), target.c_str()) != 0)
+        return UCI_ERR_IO;
+    tmp.keep();
+    return UCI_OK;
+}
+
+int write_package(uci_context *ctx, uci_package *p)
+{
+    if (!p->path)
+        return UCI_ERR_INVAL;
+    UniqueFd dir_lock = lock_dir(dir_of(p->path), LOCK_EX);
+    int rc = write_package_locked(ctx, p);
+    if (rc == UCI_OK)
+        free_delta_list(&p->delta);
+    return rc;
+}
+
+int commit_impl(uci_context *ctx, uci_package **pp, bool overwrite)
+{
+    if (!pp || !*pp)
+        return UCI_ERR_INVAL;
+    uci_package *p = *pp;
+    if (!p->path)
+        return UCI_ERR_INVAL;
+    if (overwrite || !p->has_delta)
+        return write_package(ctx, p);
+
+    int rc = save_impl(ctx, p);
+    if (rc != UCI_OK)
+        return rc;
+    const std::string name = p->e.name;
+    const std::string path = p->path;
+    free_package(p);
+    *pp = nullptr;
+
+    // Load, replay, write and truncate under one hold of the directory lock,
+    // so two committers never both apply (or both miss) the same deltas.
+    HeldLocks held;
+    UniqueFd dir_lock = lock_dir(dir_of(path), LOCK_EX);
+    if (!dir_lock)
+        return UCI_ERR_IO;
+    held.dir = true;
+    UniqueFd delta(open(savedir_file(ctx, name.c_str()).c_str(), O_RDWR | O_CLOEXEC));
+    if (delta && !lock_fd(delta.get(), LOCK_EX))
+        return UCI_ERR_IO;
+    held.savedir_fd = delta.get();
+    rc = load_package(ctx, name.c_str(), pp, &held);
+    if (rc != UCI_OK)
+        return rc;
+    if (held.lines == 0)
+        return UCI_OK;  // nothing to write
+    rc = write_package_locked(ctx, *pp);
+    if (rc != UCI_OK)
+        return rc;
+    if (delta && ftruncate(delta.get(), 0) != 0)
+        return UCI_ERR_IO;
+    free_delta_list(&(*pp)->saved_delta);  // they are in the file now
+    return UCI_OK;
+}
+
+// Does delta line dl touch what ptr names (package, section, option)?
+bool delta_matches(const DeltaLine &dl, const uci_ptr *ptr)
+{
+    if (!same(dl.ptr.package, ptr->p->e.name))
+        return false;
+    if (ptr->section && !same(dl.ptr.section, ptr->section))
+        return false;
+    if (ptr->option && !same(dl.ptr.option, ptr->option))
+        return false;
+    return true;
+}
+
+int revert_impl(uci_context *ctx, uci_ptr *ptr)
+{
+    int rc = ensure_resolved(ctx, ptr);
+    if (rc != UCI_OK)
+        return rc;
+    uci_package *p = ptr->p;
+    const std::string name = p->e.name;
+    const std::string section = str_or_empty(ptr->section);
+    const std::string option = str_or_empty(ptr->option);
+    const bool has_section = ptr->section != nullptr, has_option = ptr->option != nullptr;
+
+    std::string file = savedir_file(ctx, name.c_str());
+    UniqueFd fd(open(file.c_str(), O_RDWR | O_CLOEXEC));
+    if (fd) {
+        std::string text, kept;
+        if (!lock_fd(fd.get(), LOCK_EX) || !read_fd(fd.get(), text))
+            return UCI_ERR_IO;
+        Tokenizer tk(text);
+        std::vector<std::string> words;
+        while (tk.next(words) == Tokenizer::Result::Command) {
+            DeltaLine dl;
+            if (words.size() != 1 || !parse_delta_line(words[0], dl) || delta_matches(dl, ptr))
+                continue;
+            uci_delta d{};
+            d.cmd = dl.cmd;
+            d.section = const_cast<char *>(dl.ptr.section);
+            d.e.name = const_cast<char *>(dl.ptr.option);
+            d.value = const_cast<char *>(dl.ptr.value);
+            append_delta_line(kept, dl.ptr.package, &d);
+        }
+        if (ftruncate(fd.get(), 0) != 0 || !write_fd(fd.get(), kept))
+            return UCI_ERR_IO;
+        fd.reset();
+    }
+    // Reload so that what is in memory matches what remains.
+    free_package(p);
+    ptr->p = nullptr;
+    ptr->s = nullptr;
+    ptr->o = nullptr;
+    rc = load_package(ctx, name.c_str(), &ptr->p, nullptr);
+    if (rc != UCI_OK)
+        return rc;
+    ptr->package = ptr->p->e.name;
+    ptr->section = nullptr;
+    ptr->option = nullptr;
+    if (has_section) {
+        ptr->s = find_section(ptr->p, section.c_str());
+        ptr->section = ptr->s ? ptr->s->e.name : nullptr;
+    }
+    if (has_option && ptr->s) {
+        ptr->o = find_option(ptr->s, option.c_str());
+        ptr->option = ptr->o ? ptr->o->e.name : nullptr;
+    }
+    ptr->last = ptr->o ? &ptr->o->e : ptr->s ? &ptr->s->e : &ptr->p->e;
+    return UCI_OK;
+}
+
+int list_configs_impl(uci_context *ctx, char ***list)
+{
+    if (!list)
+        return UCI_ERR_INVAL;
+    std::vector<std::string> names;
+    if (DIR *d = opendir(ctx->confdir)) {
+        std::unique_ptr<DIR, int (*)(DIR *)> hold(d, closedir);
+        while (dirent *de = readdir(d)) {
+            if (de->d_name[0] == '.')
+                continue;
+            std::string path = std::string(ctx->confdir) + "/" + de->d_name;
+            struct stat st;
+            if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && valid_package(de->d_name))
+                names.emplace_back(de->d_name);
+        }
+    }
+    std::sort(names.begin(), names.end());
+    // One block: the pointer array (NULL-terminated), then the strings.
+    size_t size = (names.size() + 1) * sizeof(char *);
+    for (const auto &n : names)
+        size += n.size() + 1;
+    auto **out = static_cast<char **>(malloc(size));
+    if (!out)
+        return UCI_ERR_MEM;
+    char *text = reinterpret_cast<char *>(out + names.size() + 1);
+    for (size_t i = 0; i < names.size(); ++i) {
+        memcpy(text, names[i].c_str(), names[i].size() + 1);
+        out[i] = text;
+        text += names[i].size() + 1;
+    }
+    out[names.size()] = nullptr;
+    *list = out;
+    return UCI_OK;
+}
+
+uci_element *new_path_element(const char *dir)
+{
+    CStr n = make_str(dir);
+    auto *e = alloc_zeroed<uci_element>();
+    e->type = UCI_TYPE_PATH;
+    e->name = n.release();
+    list_init(&e->list);
+    return e;
+}
+
+void free_element(uci_element *e)
+{
+    list_unlink(&e->list);
+    free(e->name);
+    free(e);
+}
+
+int set_dir(char **slot, const char *dir)
+{
+    if (!dir || !*dir)
+        return UCI_ERR_INVAL;
+    CStr d = make_str(dir);
+    free(*slot);
+    *slot = d.release();
+    return UCI_OK;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Public functions
+
+extern "C" {
+
+struct uci_context *uci_alloc_context(void) noexcept
+{
+    auto *ctx = static_cast<uci_context *>(calloc(1, sizeof(uci_context)));
+    if (!ctx)
+        return nullptr;
+    list_init(&ctx->root);
+    list_init(&ctx->backends);
+    list_init(&ctx->delta_path);
+    ctx->flags = static_cast<uci_flags>(UCI_FLAG_STRICT | UCI_FLAG_SAVED_DELTA);
+    try {
+        ctx->confdir = make_str(UCI_CONFDIR).release();
+        ctx->savedir = make_str(UCI_SAVEDIR).release();
+        list_add_tail(&ctx->delta_path, &new_path_element(ctx->savedir)->list);
+        CStr n = make_str("file");
+        auto *b = alloc_zeroed<uci_backend>();
+        b->e.type = UCI_TYPE_BACKEND;
+        b->e.name = n.release();
+        list_add_tail(&ctx->backends, &b->e.list);
+        ctx->backend = b;
+    } catch (const std::bad_alloc &) {
+        uci_free_context(ctx);
+        return nullptr;
+    }
+    return ctx;
+}
+
+void uci_free_context(struct uci_context *ctx) noexcept
+{
+    if (!ctx)
+        return;
+    uci_element *e, *tmp;
+    uci_foreach_element_safe(&ctx->root, tmp, e)
+        free_package(uci_to_package(e));
+    uci_foreach_element_safe(&ctx->delta_path, tmp, e)
+        free_element(e);
+    uci_foreach_element_safe(&ctx->backends, tmp, e) {
+        list_unlink(&e->list);
+        free(e->name);
+        free(uci_to_backend(e));
+    }
+    clear_parse_error(ctx);
+    free(ctx->confdir);
+    free(ctx->savedir);
+    free(ctx);
+}
+
+int uci_set_confdir(struct uci_context *ctx, const char *dir) noexcept
+{
+    return guarded(ctx, [&]() -> int { return set_dir(&ctx->confdir, dir); });
+}
+
+// The save directory is always searched last for delta files.
+int uci_set_savedir(struct uci_context *ctx, const char *dir) noexcept
+{
+    return guarded(ctx, [&]() -> int {
+        if (!dir || !*dir)
+            return UCI_ERR_INVAL;
+        uci_element *found = nullptr, *e;
+        uci_foreach_element(&ctx->delta_path, e) {
+            if (same(e->name, dir)) {
+                found = e;
+                break;
+            }
+        }
+        if (!found)
+            found = new_path_element(dir);
+        int rc = set_dir(&ctx->savedir, dir);
+        if (rc != UCI_OK)
+            return rc;
+        list_unlink(&found->list);
+        list_add_tail(&ctx->delta_path, &found->list);
+        return UCI_OK;
+    });
+}
+
+int uci_add_delta_path(struct uci_context *ctx, const char *dir) noexcept
+{
+    return guarded(ctx, [&]() -> int {
+        if (!dir || !*dir)
+            return UCI_ERR_INVAL;
+        uci_element *e, *savedir = nullptr;
+        uci_foreach_element(&ctx->delta_path, e) {
+            if (same(e->name, dir))
+                return UCI_ERR_DUPLICATE;
+            if (same(e->name, ctx->savedir))
+                savedir = e;
+        }
+        uci_element *n = new_path_element(dir);
+        if (savedir)
+            link_between(&n->list, savedir->list.prev, &savedir->list);
+        else
+            list_add_tail(&ctx->delta_path, &n->list);
+        return UCI_OK;
+    });
+}
+
+int uci_set_backend(struct uci_context *ctx, const char *name) noexcept
+{
+    return guarded(ctx, [&]() -> int { return same(name, "file") ? UCI_OK : UCI_ERR_NOTFOUND; });
+}
+
+int uci_load(struct uci_context *ctx, const char *name, struct uci_package **package) noexcept
+{
+    return guarded(ctx, [&]() -> int { return load_package(ctx, name, package, nullptr); });
+}
+
+int uci_unload(struct uci_context *ctx, struct uci_package *p) noexcept
+{
+    return guarded(ctx, [&]() -> int {
+        if (!p)
+            return UCI_ERR_INVAL;
+        free_package(p);
+        return UCI_OK;
+    });
+}
+
+int uci_list_configs(struct uci_context *ctx, char ***list) noexcept
+{
+    return guarded(ctx, [&]() -> int { return list_configs_impl(ctx, list); });
+}
+
+int uci_save(struct uci_context *ctx, struct uci_package *p) noexcept
+{
+    return guarded(ctx, [&]() -> int { return save_impl(ctx, p); });
+}
+
+int uci_commit(struct uci_context *ctx, struct uci_package **p, bool overwrite) noexcept
+{
+    return guarded(ctx, [&]() -> int { return commit_impl(ctx, p, overwrite); });
+}
+
+int uci_revert(struct uci_context *ctx, struct uci_ptr *ptr) noexcept
+{
+    return guarded(ctx, [&]() -> int { return ptr ? revert_impl(ctx, ptr) : UCI_ERR_INVAL; });
+}
+
+int uci_export(struct uci_context *ctx, FILE *stream, struct uci_package *package,
+               bool header) noexcept
+{
+    return guarded(ctx, [&]() -> int {
+        if (!stream || !package)
+            return UCI_ERR_INVAL;
+        std::string text = export_text(ctx, package, header);
+        if (fwrite(text.data(), 1, text.size(), stream) != text.size())
+            return UCI_ERR_IO;
+        return UCI_OK;
+    });
+}
+
+int uci_parse_ptr(struct uci_context *ctx, struct uci_ptr *ptr, char *str) noexcept
+{
+    return guarded(ctx, [&]() -> int { return ptr ? parse_ptr_str(ptr, str) : UCI_ERR_INVAL; });
+}
+
+int uci_lookup_ptr(struct uci_context *ctx, struct uci_ptr *ptr, char *str, bool extended) noexcept
+{
+    return guarded(ctx, [&]() -> int {
+        if (!ptr)
+            return UCI_ERR_INVAL;
+        if (str) {
+            int rc = parse_ptr_str(ptr, str);
+            if (rc != UCI_OK)
+                return rc;
+        }
+        return resolve_ptr(ctx, ptr, extended);
+    });
+}
+
+int uci_lookup_next(struct uci_context *ctx, struct uci_element **e, struct uci_list *list,
+                    const char *name) noexcept
+{
+    return guarded(ctx, [&]() -> int {
+        if (!e || !list || !name)
+            return UCI_ERR_INVAL;
+        uci_element *it;
+        uci_foreach_element(list, it) {
+            if (same(it->name, name)) {
+                *e = it;
+                return UCI_OK;
+            }
+        }
+        return UCI_ERR_NOTFOUND;
+    });
+}
+
+int uci_set(struct uci_context *ctx, struct uci_ptr *ptr) noexcept
+{
+    return guarded(ctx, [&]() -> int {
+        int rc = ptr ? ensure_resolved(ctx, ptr) : UCI_ERR_INVAL;
+        return rc != UCI_OK ? rc : set_impl(ptr, true);
+    });
+}
+
+int uci_add_section(struct uci_context *ctx, struct uci_package *p, const char *type,
+                    struct uci_section **res) noexcept
+{
+    return guarded(ctx, [&]() -> int {
+        if (!p || !type)
+            return UCI_ERR_INVAL;
+        return add_section_impl(p, type, res, true);
+    });
+}
+
+int uci_add_list(struct uci_context *ctx, struct uci_ptr *ptr) noexcept
+{
+    return guarded(ctx, [&]() -> int {
+        int rc = ptr ? ensure_resolved(ctx, ptr) : UCI_ERR_INVAL;
+        return rc != UCI_OK ? rc : add_list_impl(ptr, true);
+    });
+}
+
+int uci_del_list(struct uci_context *ctx, struct uci_ptr *ptr) noexcept
+{
+    return guarded(ctx, [&]() -> int {
+        int rc = ptr ? ensure_resolved(ctx, ptr) : UCI_ERR_INVAL;
+        return rc != UCI_OK ? rc : del_list_impl(ptr, true);
+    });
+}
+
+int uci_delete(struct uci_context *ctx, struct uci_ptr *ptr) noexcept
+{
+    return guarded(ctx, [&]() -> int {
+        int rc = ptr ? ensure_resolved(ctx, ptr) : UCI_ERR_INVAL;
+        return rc != UCI_OK ? rc : delete_impl(ptr, true);
+    });
+}
+
+int uci_rename(struct uci_context *ctx, struct uci_ptr *ptr) noexcept
+{
+    return guarded(ctx, [&]() -> int {
+        int rc = ptr ? ensure_resolved(ctx, ptr) : UCI_ERR_INVAL;
+        return rc != UCI_OK ? rc : rename_impl(ptr, true);
+    });
+}
+
+int uci_reorder_section(struct uci_context *ctx, struct uci_section *s, int pos) noexcept
+{
+    return guarded(ctx, [&]() -> int { return s ? reorder_impl(s, pos < 0 ? 0 : pos, true) : UCI_ERR_INVAL; });
+}
+
+void uci_perror(struct uci_context *ctx, const char *str) noexcept
+{
+    if (!ctx)
+        return;
+    try {
+        fprintf(stderr, "%s\n", error_text(ctx, str).c_str());
+    } catch (...) {
+        fprintf(stderr, "%s\n", kErrorTexts[UCI_ERR_MEM]);
+    }
+}
+
+void uci_get_errorstr(struct uci_context *ctx, char **dest, const char *str) noexcept
+{
+    if (!ctx || !dest)
+        return;
+    try {
+        *dest = strdup(error_text(ctx, str).c_str());
+    } catch (...) {
+        *dest = nullptr;
+    }
+}
+
+bool uci_validate_text(const char *str) noexcept
+{
+    if (!str)
+        return false;
+    for (; *str; ++str) {
+        unsigned char c = static_cast<unsigned char>(*str);
+        if (c < 32 && c != '\t' && c != '\n' && c != '\r')
+            return false;
+    }
+    return true;
+}
+
+void uci_parse_section(struct uci_section *s, const struct uci_parse_option *opts, int n_opts,
+                       struct uci_option **tb) noexcept
+{
+    if (!s || !opts || !tb || n_opts <= 0)
+        return;
+    memset(tb, 0, sizeof(*tb) * static_cast<size_t>(n_opts));
+    uci_element *e;
+    uci_foreach_element(&s->options, e) {
+        uci_option *o = uci_to_option(e);
+        for (int i = 0; i < n_opts; ++i) {
+            if (!tb[i] && o->type == opts[i].type && same(opts[i].name, o->e.name)) {
+                tb[i] = o;
+                break;
+            }
+        }
+    }
+}
+
+uint32_t uci_hash_options(struct uci_option **tb, int n_opts) noexcept
+{
+    uint32_t h = 2166136261u;
+    for (int i = 0; tb && i < n_opts; ++i) {
+        uci_option *o = tb[i];
+        if (!o)
+            continue;
+        h = fnv1a(h, o->e.name);
+        if (o->type == UCI_TYPE_STRING) {
+            h = fnv1a(h, o->v.string);
+        } else {
+            uci_element *e;
+            uci_foreach_element(&o->v.list, e)
+                h = fnv1a(h, e->name);
+        }
+    }
+    return h;
+}
+
+}  // extern "C"
