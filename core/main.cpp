@@ -5,7 +5,9 @@
 // was started is stopped, the process exit ends it. There is no orderly
 // shutdown: the daemon runs until it is killed.
 #include "event_config.h"
+#include "jcs.h"
 #include "nms_log.h"
+#include "udbg.h"
 
 #include "uac_lock.h"
 #include "uac_thread.h"
@@ -93,16 +95,18 @@ int main()
     uac_lock_module_init();
     uac_thread_module_init();
 
-    // [debug] command socket: jcs_init(), then the three example callbacks of
-    // module "example" (ids 0, 1, 3) through jcs_callback_register().
+    // Command socket and its example service "example" (add, delete, get).
+    jcs_init();
+    jcs_callback_register("example", JCS_OP_ADD, jcs_test_callback_add);
+    jcs_callback_register("example", JCS_OP_DEL, jcs_test_callback_del);
+    jcs_callback_register("example", JCS_OP_GET, jcs_test_callback_get);
 
-    // [debug] debug shell: udbg = udbg_init(). When it fails the daemon runs on,
-    // but without the wheel timer, the console, its directories and the list
-    // settings of the block below.
-    int udbg = 0;
+    // Debug shell. When it fails the daemon runs on, but without the wheel timer,
+    // the console, its directories and the list settings of the block below.
+    int udbg = udbg_init();
     if (udbg != -1) {
         uac_timer_init(10);
-        // [debug/event] udbg_help_register("nms_event", "nms_event_debug_help()").
+        udbg_help_register("nms_event", "nms_event_debug_help()");
         set_debug_output("/dev/console", 10);
         run_ignoring_result(kMakeEventConfDirs);
         run_ignoring_result(kMakeStatsConfDirs);
@@ -121,7 +125,7 @@ int main()
     // [event] init_msg_handle(); nonzero:
     //     NMS_LOG_ERROR_AT(kLineMsgHandleInit, "init_msg_handle error."); return -1;
 
-    // [debug] command socket servers: jcs_run().
+    jcs_run();
 
     // [ubus] bus thread: uac_thread_create(&bus_tid, "handlerUbusThread", <bus thread
     // body>, nullptr); nonzero:
