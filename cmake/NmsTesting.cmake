@@ -12,6 +12,26 @@
 #     case, over the staged install tree. SERVICES (space separated) names the
 #     services the sandbox starts before the test; default: all that are installed.
 
+# gtest_discover_tests passes PROPERTIES through a script that splits every
+# list into separate words, so a property holding a list (several LABELS,
+# several ENVIRONMENT entries) cannot go through it. Such properties are set
+# from a file CTest includes after the discovered tests, by their test list.
+function(nms_set_discovered_properties target)
+  set(script ${CMAKE_CURRENT_BINARY_DIR}/${target}_properties.cmake)
+  set(body "if(${target}_TESTS)\n  set_tests_properties(\${${target}_TESTS} PROPERTIES")
+  foreach(pair ${ARGN})
+    string(FIND "${pair}" "=" eq)
+    string(SUBSTRING "${pair}" 0 ${eq} name)
+    math(EXPR start "${eq} + 1")
+    string(SUBSTRING "${pair}" ${start} -1 value)
+    string(REPLACE "|" ";" value "${value}")
+    string(APPEND body " ${name} [==[${value}]==]")
+  endforeach()
+  string(APPEND body ")\nendif()\n")
+  file(WRITE ${script} "${body}")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${script})
+endfunction()
+
 function(nms_unit_test)
   cmake_parse_arguments(T "TSAN" "NAME;LABEL;TIMEOUT" "SOURCES;LIBS" ${ARGN})
   if(NOT T_TIMEOUT)
@@ -25,7 +45,9 @@ function(nms_unit_test)
   target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} GTest::gtest GTest::gtest_main
     GTest::gmock Threads::Threads nms_warnings)
   gtest_discover_tests(${T_NAME} DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS "${labels}" TIMEOUT ${T_TIMEOUT})
+    PROPERTIES TIMEOUT ${T_TIMEOUT})
+  string(REPLACE ";" "|" labels "${labels}")
+  nms_set_discovered_properties(${T_NAME} "LABELS=${labels}")
 endfunction()
 
 function(nms_sandbox_test)
@@ -42,6 +64,9 @@ function(nms_sandbox_test)
     list(APPEND env "NMS_SANDBOX_SERVICES=${T_SERVICES}")
   endif()
   gtest_discover_tests(${T_NAME} DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS "integration;${T_LABELS}" TIMEOUT ${T_TIMEOUT}
-      FIXTURES_REQUIRED nms_stage ENVIRONMENT "${env}")
+    PROPERTIES TIMEOUT ${T_TIMEOUT} FIXTURES_REQUIRED nms_stage)
+  set(labels integration ${T_LABELS})
+  string(REPLACE ";" "|" labels "${labels}")
+  string(REPLACE ";" "|" env "${env}")
+  nms_set_discovered_properties(${T_NAME} "LABELS=${labels}" "ENVIRONMENT=${env}")
 endfunction()
