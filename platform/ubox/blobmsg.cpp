@@ -15,6 +15,8 @@ namespace {
 // the limit keeps recursive checks within the 64 KiB stacks of the daemon's
 // threads however deep a hostile message nests.
 constexpr int kMaxDepth = 64;
+// Depth argument of check_attr asking for the attribute itself only.
+constexpr int kShallow = -1;
 
 uintptr_t cookie_of(size_t offset)
 {
@@ -43,7 +45,8 @@ bool payload_ok(int type, const char *data, size_t len)
 }
 
 // Checks one attribute of which `len` bytes exist: header, name header and
-// payload size; with depth > 0 also its children, down to that many levels.
+// payload size; its children too, down to `depth` more levels of containers
+// (kShallow: the attribute alone).
 bool check_attr(const blob_attr *attr, bool name, size_t len, int depth);
 
 // Checks the children of a container payload; `named` = TABLE children.
@@ -98,8 +101,10 @@ bool check_attr(const blob_attr *attr, bool name, size_t len, int depth)
 		return false;
 	if (type != BLOBMSG_TYPE_TABLE && type != BLOBMSG_TYPE_ARRAY)
 		return true;
-	if (depth <= 0)
-		return depth == 0;  // shallow check wanted (0) or nesting too deep (< 0)
+	if (depth == kShallow)
+		return true;
+	if (depth == 0)
+		return false;  // nested deeper than any real message
 	return check_children(data, data_len, type == BLOBMSG_TYPE_TABLE, BLOBMSG_TYPE_UNSPEC,
 			      depth - 1) >= 0;
 }
@@ -198,7 +203,7 @@ bool blobmsg_check_attr(const blob_attr *attr, bool name) noexcept
 
 int blobmsg_check_array_len(const blob_attr *attr, int type, size_t len) noexcept
 {
-	if (!check_attr(attr, false, len, 0))
+	if (!check_attr(attr, false, len, kShallow))
 		return -1;
 	int own = blobmsg_type(attr);
 	if (own != BLOBMSG_TYPE_TABLE && own != BLOBMSG_TYPE_ARRAY)
