@@ -27,6 +27,7 @@
 #include <string.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <mutex>
 #include <new>
 
@@ -243,6 +244,16 @@ uint64_t to_ticks(uint32_t sec, uint32_t usec) {
     return (usec / 1000 + static_cast<uint64_t>(sec) * 1000) / UAC_TIMER_TICK_MS;
 }
 
+// The tick that runs a timer of `interval` ticks armed now (db held). While
+// timer_jiffies is j the next tick handles slot j, so a timer of n ticks is due at
+// j + n - 1: it runs at the n-th tick from now, between (n - 1) x 500 ms and
+// n x 500 ms later, and a 0-tick timer at the next tick. A periodic timer of n ticks
+// re-armed by the work thread thus keeps a period of n ticks (the one-second scan
+// is two ticks apart, not three).
+uint64_t due_tick(const Wheel *w, uint64_t interval) {
+    return w->jiffies + (interval > 0 ? interval - 1 : 0);
+}
+
 // Frees the id allocator, the records (calling release for those in use), the
 // extension and the locks. No thread may be using the wheel.
 void teardown(Wheel *w) {
@@ -356,7 +367,7 @@ uint32_t add(Wheel *w, uint32_t sec, uint32_t usec, uac_timer_func callback, voi
         r->arg = arg;
         r->release = release;
         r->interval = to_ticks(sec, usec);
-        r->expires = w->jiffies + r->interval;
+        r->expires = due_tick(w, r->interval);
         r->flags = static_cast<uint8_t>(w->next_add_flags | (periodic ? UAC_TIMER_F_PERIODIC : 0) |
                                         UAC_TIMER_F_IN_USE);
         internal_add_timer(w, r);
@@ -478,7 +489,7 @@ void run_expired(Wheel *w, uac_timer_record *r) {
         } else {
             r->flags = (f & UAC_TIMER_F_PERIODIC) ? UAC_TIMER_F_IN_USE | UAC_TIMER_F_PERIODIC
                                                   : UAC_TIMER_F_IN_USE;
-            r->expires = w->jiffies + r->interval;
+            r->expires = due_tick(w, r->interval);
             internal_add_timer(w, r);
         }
     }
@@ -503,6 +514,56 @@ uint32_t run_pending(Wheel *w) noexcept {
     return n;
 }
 
+namespace {
+
+// The first tick from now on that has anything to do: the tick that handles a
+// non-empty level-1 slot, or that cascades a non-empty slot of a higher level.
+// UINT64_MAX when the wheel is empty (db held).
+uint64_t next_busy_tick(Wheel *w) {
+    uint64_t j = w->jiffies;
+    uint64_t best = UINT64_MAX;
+    for (uint32_t s = 0; s < kTv1Size; ++s) {
+        if (uac_list_size(&w->tv1[s]) != 0)
+            best = std::min(best, j + ((s - j) & kTv1Mask));
+    }
+    for (uint32_t n = 0; n < kTvnLevels; ++n) {
+        uint32_t shift = kTv1Bits + n * kTvnBits;
+        uint64_t period = 1ull << shift;
+        uint64_t round = (j + period - 1) & ~(period - 1);  // next cascade point of level n + 2
+        for (uint32_t s = 0; s < kTvnSize; ++s) {
+            if (uac_list_size(&w->tvn[n][s]) != 0)
+                best = std::min(best, round + ((s - (round >> shift)) & kTvnMask) * period);
+        }
+    }
+    return best;
+}
+
+}  // namespace
+
+uint64_t advance(Wheel *w, uint64_t max_ticks) noexcept {
+    uint64_t done = 0;
+    while (done < max_ticks) {
+        {
+            // Ticks before the next busy one would only count (their cascades find
+            // empty slots): step over them at once.
+            MutexHold db(w->db);
+            uint64_t busy = next_busy_tick(w);
+            if (busy > w->jiffies) {
+                uint64_t idle = std::min(busy - w->jiffies, max_ticks - done);
+                w->jiffies += idle;
+                done += idle;
+                continue;
+            }
+        }
+        tick(w);
+        ++done;
+        MutexHold msg(w->msg);
+        if (uac_list_size(&w->work) != 0)
+            break;
+    }
+    return done;
+}
+
 uint64_t jiffies(Wheel *w) noexcept {
     MutexHold db(w->db);
     return w->jiffies;
@@ -519,6 +580,9 @@ int32_t level_of(Wheel *w, uint32_t id, uint32_t *slot) noexcept {
     if (!r)
         return -1;
     uac_list_head *l = r->node.list;
+    uint32_t unused;
+    if (!slot)
+        slot = &unused;
     if (l >= &w->tv1[0] && l < &w->tv1[kTv1Size]) {
         *slot = static_cast<uint32_t>(l - &w->tv1[0]);
         return 1;

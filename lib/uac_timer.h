@@ -57,8 +57,9 @@ extern int32_t g_wheel_timer_id_len;
 // store and starts the threads "wheeltimertickd" and "wheeltimerworkd". SIGALRM must
 // already be blocked in every thread of the process. 0, or -1 with a message.
 int32_t uac_timer_init(int32_t id_len) UAC_NOEXCEPT;
-// A one-shot timer due in sec s + usec us, rounded down to whole 500 ms ticks (below
-// 500 ms it runs at the next tick). callback(arg) runs on the work thread; release(arg)
+// A one-shot timer due in sec s + usec us. The time is cut down to whole 500 ms ticks;
+// a timer of n ticks runs at the n-th tick from now, one below 500 ms at the next
+// tick. callback(arg) runs on the work thread; release(arg)
 // runs exactly once when the timer is finished or removed. The id, or
 // UAC_TIMER_INVALID_ID with a message. Callbacks and release functions may add and
 // remove timers.

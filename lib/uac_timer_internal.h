@@ -35,6 +35,10 @@ uint32_t rest(Wheel *w, uint32_t id) noexcept;
 // Advances the wheel by one tick: cascades when level 1 wraps, then hands the due
 // level-1 slot to the work queue.
 void tick(Wheel *w) noexcept;
+// Advances by up to max_ticks ticks, as many calls of tick() would, but steps over
+// idle ticks at once; stops early right after a tick that queued timers. Returns the
+// ticks advanced.
+uint64_t advance(Wheel *w, uint64_t max_ticks) noexcept;
 // Runs one queued timer (callback, then re-arm or finish) on the calling thread.
 // False when the queue is empty.
 bool run_one(Wheel *w) noexcept;
