@@ -599,8 +599,22 @@ void put_signature(blob_buf *b, const ubus_method *methods, int n)
     blob_nest_end(b, sig);
 }
 
-// Registers obj with the broker over the current connection.
+int publish_once(ubus_context *ctx, ubus_object *obj);
+
+// Registers obj with the broker over the current connection. A type id the
+// broker no longer knows (its last object went away with another connection)
+// is dropped and the type published anew from its methods.
 int publish(ubus_context *ctx, ubus_object *obj)
+{
+    int ret = publish_once(ctx, obj);
+    if (ret == UBUS_STATUS_NOT_FOUND && obj->type && obj->type->id) {
+        obj->type->id = 0;
+        ret = publish_once(ctx, obj);
+    }
+    return ret;
+}
+
+int publish_once(ubus_context *ctx, ubus_object *obj)
 {
     if (!obj->name || !*obj->name)
         return UBUS_STATUS_INVALID_ARGUMENT;
