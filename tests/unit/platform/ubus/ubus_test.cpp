@@ -360,8 +360,11 @@ TEST(UbusClient, OpenCallsFailWhenTheOwnerOrTheBrokerGoesAway)
     test_type.id = 0;
 }
 
-TEST(UbusClient, StatusTexts)
+extern "C" int libubus_c_method_count(void);
+
+TEST(UbusClient, StatusTextsAndHeaders)
 {
+    EXPECT_EQ(libubus_c_method_count(), 2);
     EXPECT_STREQ(ubus_strerror(UBUS_STATUS_OK), "Success");
     EXPECT_STREQ(ubus_strerror(UBUS_STATUS_NOT_FOUND), "Not found");
     EXPECT_STREQ(ubus_strerror(UBUS_STATUS_TIMEOUT), "Request timed out");
