@@ -3,8 +3,12 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <mutex>
 #include <string>
@@ -37,7 +41,8 @@ public:
         });
         port_ = server_.bind_to_any_port("127.0.0.1");
         thread_ = std::thread([this] { server_.listen_after_bind(); });
-        server_.wait_until_ready();
+        while (!server_.is_running())
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     ~Cloud() {
         server_.stop();
@@ -61,6 +66,22 @@ private:
     std::vector<int> plan_;
     std::vector<Received> got_;
 };
+
+// A loopback port that was free a moment ago: bound, never listened on, closed.
+int free_port() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(addr);
+    int port = -1;
+    if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len) == 0)
+        port = ntohs(addr.sin_port);
+    if (fd >= 0)
+        close(fd);
+    return port;
+}
 
 class InfoReport : public ::testing::Test {
 protected:
@@ -135,12 +156,7 @@ TEST_F(InfoReport, RetransmissionStopsAtFirstSuccessOrAfterAllRetries) {
 }
 
 TEST_F(InfoReport, NoResponseGivesMinusOneAndResultMinusOne) {
-    // A port that was free a moment ago: nothing listens there.
-    int port;
-    {
-        httplib::Server probe;
-        port = probe.bind_to_any_port("127.0.0.1");
-    }
+    int port = free_port();
     setenv("INFO_REPORT_URL", ("http://127.0.0.1:" + std::to_string(port)).c_str(), 1);
     int result = 0;
     EXPECT_EQ(sendto_business_by_short_link(&req_, &result), -1);

@@ -1,0 +1,108 @@
+// Tests of the envelope's space accounting and the JSON utilities (no device identity needed).
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "cloud_report.h"
+
+namespace {
+
+// A zeroed report-sized buffer holding start.
+std::vector<char> report_buffer(const std::string &start) {
+    std::vector<char> buf(261120, '\0');
+    std::memcpy(buf.data(), start.data(), start.size());
+    return buf;
+}
+
+TEST(CloudFormat, EventsAreAppendedWhileTheirSpaceLasts) {
+    auto buf = report_buffer("H,\"eventList\":[");
+    int32_t remaining = 1000;
+    int32_t added = -1;
+    ASSERT_EQ(format_event_report_event(buf.data(), 7, 1234567890123ULL, "{\"a\":1}", 1,
+                                        &remaining, &added),
+              0);
+    const std::string one = "{\"typeId\":\"7\",\"time\":\"1234567890123\",\"params\":{\"a\":1}}";
+    EXPECT_EQ(added, 1);
+    EXPECT_EQ(std::string(buf.data()), "H,\"eventList\":[" + one);
+    EXPECT_EQ(remaining, 1000 - static_cast<int32_t>(one.size()));
+
+    ASSERT_EQ(format_event_report_event(buf.data(), -3, 0, "[]", 0, &remaining, &added), 0);
+    const std::string two = ",{\"typeId\":\"-3\",\"time\":\"0\",\"params\":[]}";
+    EXPECT_EQ(std::string(buf.data()), "H,\"eventList\":[" + one + two);
+    EXPECT_EQ(remaining, 1000 - static_cast<int32_t>(one.size() + two.size()));
+
+    int32_t before = remaining;
+    ASSERT_EQ(format_event_report_tail(buf.data(), &remaining), 0);
+    EXPECT_EQ(std::string(buf.data()), "H,\"eventList\":[" + one + two + "]}]}}");
+    EXPECT_EQ(remaining, before + 251);
+}
+
+TEST(CloudFormat, AnEventThatDoesNotFitEndsOrAbandonsTheBatch) {
+    auto buf = report_buffer("H[");
+    const std::string p72(72, '1');  // 72 + 129 = 201 > 200
+    int32_t remaining = 200, added = -1;
+    EXPECT_EQ(format_event_report_event(buf.data(), 1, 1, p72.c_str(), 0, &remaining, &added), 0);
+    EXPECT_EQ(added, 0);
+    EXPECT_EQ(remaining, 0);
+    EXPECT_EQ(std::string(buf.data()), "H[");
+    remaining = 200;
+    EXPECT_EQ(format_event_report_event(buf.data(), 1, 1, p72.c_str(), 1, &remaining, &added), -1);
+
+    SCOPED_TRACE("\"{}\" needs 131 bytes");
+    remaining = 130;
+    EXPECT_EQ(format_event_report_event(buf.data(), 1, 1, "{}", 0, &remaining, &added), 0);
+    EXPECT_EQ(added, 0);
+    remaining = 131;
+    EXPECT_EQ(format_event_report_event(buf.data(), 1, 1, "{}", 0, &remaining, &added), 0);
+    EXPECT_EQ(added, 1);
+
+    SCOPED_TRACE("null arguments and a tail without room");
+    EXPECT_EQ(format_event_report_event(nullptr, 1, 1, "{}", 0, &remaining, &added), -1);
+    EXPECT_EQ(format_event_report_event(buf.data(), 1, 1, nullptr, 0, &remaining, &added), -1);
+    EXPECT_EQ(format_event_report_event(buf.data(), 1, 1, "{}", 0, nullptr, &added), -1);
+    EXPECT_EQ(format_event_report_event(buf.data(), 1, 1, "{}", 0, &remaining, nullptr), -1);
+    remaining = -252;
+    EXPECT_EQ(format_event_report_tail(buf.data(), &remaining), -1);
+    remaining = -251;
+    EXPECT_EQ(format_event_report_tail(buf.data(), &remaining), 0);
+    EXPECT_EQ(remaining, 0);
+    EXPECT_EQ(format_event_report_tail(nullptr, &remaining), -1);
+    EXPECT_EQ(cloud_report_formate_head(nullptr, &remaining), -1);
+    int32_t result = 0;
+    EXPECT_EQ(cloud_report_send_info(nullptr, 3, &result), -1);
+}
+
+TEST(JsonUtil, ParsesAnyCompleteValueAndRefusesTheRest) {
+    struct Case {
+        const char *text;
+        bool parses;
+    } cases[] = {
+        {"{}", true},          {"{\"a\":1}", true},  {"123", true},     {"\"s\"", true},
+        {"{\"a\":1}junk", true}, {"null", false},    {"abc", false},    {"{\"a\":", false},
+        {"", false},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.text);
+        json_object *o = jsonParseStr(c.text);
+        EXPECT_EQ(o != nullptr, c.parses);
+        json_object_put(o);
+    }
+    EXPECT_EQ(jsonParseStr(nullptr), nullptr);
+}
+
+TEST(JsonUtil, MemberValuesAsText) {
+    json_object *o = jsonParseStr("{\"s\":\"x-y\",\"n\":null,\"i\":17,\"o\":{\"k\":[1,2]}}");
+    ASSERT_NE(o, nullptr);
+    EXPECT_STREQ(getValueFromJsonObj(o, "s"), "x-y");
+    EXPECT_STREQ(getValueFromJsonObj(o, "n"), "null");
+    EXPECT_STREQ(getValueFromJsonObj(o, "i"), "17");
+    EXPECT_STREQ(getValueFromJsonObj(o, "o"), "{ \"k\": [ 1, 2 ] }");
+    EXPECT_EQ(getValueFromJsonObj(o, "missing"), nullptr);
+    EXPECT_EQ(getValueFromJsonObj(o, nullptr), nullptr);
+    EXPECT_EQ(getValueFromJsonObj(nullptr, "s"), nullptr);
+    json_object_put(o);
+}
+
+}  // namespace
