@@ -268,6 +268,7 @@ bool pull(ubus_context *ctx, std::deque<FramePtr> &out)
                 break;
             return false;
         }
+        size_t room = st->in.size() - st->in_len;
         st->in_len += static_cast<size_t>(n);
         size_t pos = 0;
         for (;;) {
@@ -288,6 +289,9 @@ bool pull(ubus_context *ctx, std::deque<FramePtr> &out)
             memmove(st->in.data(), st->in.data() + pos, st->in_len - pos);
             st->in_len -= pos;
         }
+        // A short read took all there was; what comes later wakes poll again.
+        if (static_cast<size_t>(n) < room)
+            break;
     }
     if (st->in_len == 0 && st->in.size() > 2 * UBUS_MSG_CHUNK_SIZE)
         std::vector<uint8_t>().swap(st->in);
