@@ -284,7 +284,7 @@ TEST(BlobmsgValidation, RejectsTruncatedAndLyingLengths)
 				}
 			}
 			auto *first = static_cast<blob_attr *>(e.data());
-			if (len < blob_raw_len(first)) {
+			if (len >= sizeof(blob_attr) && len < blob_raw_len(first)) {
 				EXPECT_FALSE(blobmsg_check_attr_len(first, true, len)) << len;
 			}
 		}

@@ -101,7 +101,8 @@ TEST_F(Uloop, RemainingAndRearmingFromTheCallback)
 	uloop_timeout_set(&again.t, 0);
 	EXPECT_EQ(0, uloop_run());
 	EXPECT_EQ(0, again.left);
-	EXPECT_TRUE(far.pending);  // uloop_done (TearDown) forgets it
+	EXPECT_TRUE(far.pending);
+	uloop_timeout_cancel(&far);  // it lives on this stack frame
 }
 
 TEST_F(Uloop, EndBeforeRunHasNoEffect)
