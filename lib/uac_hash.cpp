@@ -34,9 +34,9 @@ uac_list_head *new_buckets(uint32_t n) {
 
 uac_list_head *bucket_of(uac_hash *h, uint32_t hash) { return &h->bucket[hash % h->buckets]; }
 
-uac_hash_node *find_node(uac_hash *h, const void *obj) {
+uac_hash_node *find_node(uac_list_head *bucket, const void *obj) {
     uac_list_entry *e;
-    uac_list_for_each(e, bucket_of(h, h->obj_func(obj))) {
+    uac_list_for_each(e, bucket) {
         if (node_of(e)->obj == obj)
             return node_of(e);
     }
@@ -117,7 +117,8 @@ int32_t uac_hash_add(uac_hash *h, void *obj) noexcept {
         if (n > UINT32_MAX || !resize(h, static_cast<uint32_t>(n)))
             return UAC_HASH_ERR_NOMEM;
     }
-    if (find_node(h, obj))
+    uac_list_head *bucket = bucket_of(h, h->obj_func(obj));
+    if (find_node(bucket, obj))
         return UAC_HASH_ERR_EXISTS;
     auto *node = static_cast<uac_hash_node *>(uac_malloc(sizeof(uac_hash_node)));
     if (!node)
@@ -125,7 +126,7 @@ int32_t uac_hash_add(uac_hash *h, void *obj) noexcept {
     node->entry.next = node->entry.prev = nullptr;
     node->entry.list = nullptr;
     node->obj = obj;
-    uac_list_insert_last(bucket_of(h, h->obj_func(obj)), &node->entry);
+    uac_list_insert_last(bucket, &node->entry);
     h->count += 1;
     return 0;
 }
@@ -133,7 +134,7 @@ int32_t uac_hash_add(uac_hash *h, void *obj) noexcept {
 int32_t uac_hash_del(uac_hash *h, void *obj) noexcept {
     if (!h || !obj || h->buckets == 0)
         return UAC_HASH_ERR_ARG;
-    uac_hash_node *node = find_node(h, obj);
+    uac_hash_node *node = find_node(bucket_of(h, h->obj_func(obj)), obj);
     if (!node)
         return UAC_HASH_ERR_NOT_FOUND;
     uac_list_remove(&node->entry);

@@ -23,11 +23,12 @@ uint32_t *alloc_words(int64_t count) {
     return static_cast<uint32_t *>(uac_malloc(static_cast<int32_t>(count * sizeof(uint32_t))));
 }
 
-bool bit_is_set(const uid_allocator *a, int32_t id) {
-    return (a->bitmap[id / 32] >> (id % 32)) & 1u;
-}
-void bit_set(uid_allocator *a, int32_t id) { a->bitmap[id / 32] |= 1u << (id % 32); }
-void bit_clear(uid_allocator *a, int32_t id) { a->bitmap[id / 32] &= ~(1u << (id % 32)); }
+// Callers have checked 0 <= id < size, so the unsigned forms are exact (and cheaper).
+uint32_t word_of(int32_t id) { return static_cast<uint32_t>(id) >> 5; }
+uint32_t mask_of(int32_t id) { return 1u << (static_cast<uint32_t>(id) & 31u); }
+bool bit_is_set(const uid_allocator *a, int32_t id) { return a->bitmap[word_of(id)] & mask_of(id); }
+void bit_set(uid_allocator *a, int32_t id) { a->bitmap[word_of(id)] |= mask_of(id); }
+void bit_clear(uid_allocator *a, int32_t id) { a->bitmap[word_of(id)] &= ~mask_of(id); }
 
 int32_t ring_next(const uid_allocator *a, int32_t i) { return i + 1 == a->size ? 0 : i + 1; }
 int32_t ring_prev(const uid_allocator *a, int32_t i) { return i == 0 ? a->size - 1 : i - 1; }
