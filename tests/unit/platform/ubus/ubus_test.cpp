@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -214,6 +215,8 @@ TEST(UbusClient, PublishesLooksUpAndRemovesObjects)
     ASSERT_TRUE(a && b);
     EXPECT_NE(a->local_id, b->local_id);
     EXPECT_GE(a->local_id, static_cast<uint32_t>(UBUS_SYSTEM_OBJECT_MAX));
+    // Commands the daemon runs through popen must not inherit the bus socket.
+    EXPECT_TRUE(fcntl(a->sock.fd, F_GETFD) & FD_CLOEXEC);
 
     ubus_object first = make_object("test.one");
     ubus_object second = make_object("test.two");
