@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <map>
 #include <mutex>
 #include <set>
 #include <string>
@@ -276,8 +275,7 @@ TEST(UacTimer, CallbacksAndReleasesMayAddAndRemoveTimers) {
         engine::Wheel *w;
         uint32_t victim;
         Probe *spawned;
-        const uint64_t *now;
-    } chain{b.w.get(), b.add(5, 0, victim), &spawned, &b.ticks};
+    } chain{b.w.get(), b.add(5, 0, victim), &spawned};
     spawned.now = &b.ticks;
     uint32_t id = engine::add(
         b.w.get(), 5, 0, nullptr, &chain,
