@@ -1,0 +1,175 @@
+// cloudsim_page.cpp - the page that shows what reached the cloud stand-in.
+//
+// Everything is inline so the page works without any network beyond the stand-in itself.
+// Text from reports is only ever put into the page through textContent, never as markup.
+
+#include "cloudsim_page.h"
+
+namespace cloudsim {
+
+const char kPage[] = R"PAGE(<!DOCTYPE html>
+<html lang="en">
+<head>
+<meta charset="utf-8">
+<title>cloudsim</title>
+<style>
+body { font: 14px/1.4 system-ui, sans-serif; margin: 1em 2em; color: #222; }
+h1 { font-size: 1.4em; margin-bottom: .2em; }
+h2 { font-size: 1.1em; margin: 1.2em 0 .4em; }
+table { border-collapse: collapse; margin: .3em 0; }
+th, td { border: 1px solid #ccc; padding: 2px 8px; text-align: left; vertical-align: top; }
+th { background: #f0f0f0; }
+code, .mono { font-family: ui-monospace, monospace; font-size: 12px; }
+.report { border: 1px solid #bbb; border-radius: 4px; padding: .4em .8em; margin: .6em 0; }
+.report.bad { border-color: #c33; background: #fff4f4; }
+.head { color: #555; }
+button { margin: 2px 4px 2px 0; }
+#status { color: #777; }
+pre { white-space: pre-wrap; word-break: break-all; margin: .3em 0; }
+</style>
+</head>
+<body>
+<h1>cloudsim</h1>
+<div id="status">connecting...</div>
+
+<h2>Received</h2>
+<table id="paths"><thead><tr><th>path</th><th>reports</th><th>bytes</th></tr></thead>
+<tbody></tbody></table>
+
+<h2>Fault orders</h2>
+<div>
+<button data-order='{"status":500,"count":3}'>next 3 answered 500</button>
+<button data-order='{"hang_ms":12000,"count":1}'>next one held 12 s</button>
+<button data-order='{"drop":true,"count":1}'>next one dropped</button>
+<button data-order='{"clear":true}'>clear fault orders</button>
+<button id="clear-reports">clear reports</button>
+</div>
+<div id="faults" class="mono"></div>
+
+<h2>Latest reports (newest first)</h2>
+<div id="reports"></div>
+
+<script>
+"use strict";
+const MAX_SHOWN = 100;
+let lastSeq = 0;
+let shown = [];
+
+function el(tag, text, cls) {
+  const e = document.createElement(tag);
+  if (text !== undefined) e.textContent = text;
+  if (cls) e.className = cls;
+  return e;
+}
+
+function table(headers, rows) {
+  const t = el("table");
+  const hr = t.insertRow();
+  headers.forEach(h => hr.appendChild(el("th", h)));
+  rows.forEach(r => {
+    const tr = t.insertRow();
+    r.forEach(c => tr.appendChild(el("td", c, "mono")));
+  });
+  return t;
+}
+
+function when(ms) {
+  const n = Number(ms);
+  return isFinite(n) && n > 0 ? new Date(n).toISOString() : String(ms);
+}
+
+function text(v) {
+  return typeof v === "string" ? v : JSON.stringify(v);
+}
+
+// The event envelope: identity, then one device with its list of events.
+function eventView(j) {
+  const box = el("div");
+  const dev = (j.devEventList || [])[0] || {};
+  box.appendChild(el("div", "site " + text(j.projectId) + ", device " + text(j.deviceMac) +
+      " (" + text(j.deviceType) + ", " + text(dev.devName) + ")", "head"));
+  const rows = (dev.eventList || []).map(e => [text(e.typeId), when(e.time), text(e.params)]);
+  box.appendChild(el("div", rows.length + " event(s)"));
+  box.appendChild(table(["typeId", "time", "params"], rows));
+  return box;
+}
+
+// The parameter envelope: identity members, then the reported members.
+function paramView(j) {
+  const box = el("div");
+  box.appendChild(el("div", "site " + text(j.projectId) + ", device " + text(j.deviceMac) +
+      " (" + text(j.deviceType) + ")", "head"));
+  const rows = Object.keys(j).filter(k => !["projectId", "deviceMac", "deviceType"].includes(k))
+      .map(k => [k, text(j[k])]);
+  box.appendChild(table(["parameter", "value"], rows));
+  return box;
+}
+
+function reportView(r) {
+  const box = el("div", undefined, "report" + (r.status === 200 ? "" : " bad"));
+  box.appendChild(el("div", "#" + r.seq + "  " + when(r.time_ms) + "  " + r.path +
+      "  answered " + (r.status === 0 ? "nothing (dropped)" : r.status) +
+      "  " + r.bytes + " bytes" + (r.json_ok ? "" : r.json ? "  (text after the JSON: " +
+      JSON.stringify(r.trailing) + ")" : "  (not JSON)")));
+  const j = r.json;
+  if (j && typeof j === "object" && Array.isArray(j.devEventList)) {
+    box.appendChild(eventView(j));
+  } else if (j && typeof j === "object" && "deviceMac" in j) {
+    box.appendChild(paramView(j));
+  } else {
+    const b = r.body.length > 2000 ? r.body.slice(0, 2000) + "..." : r.body;
+    box.appendChild(el("pre", b));
+  }
+  return box;
+}
+
+function render() {
+  const div = document.getElementById("reports");
+  div.replaceChildren(...shown.slice().reverse().map(reportView));
+}
+
+async function getJson(url, options) {
+  const res = await fetch(url, options);
+  return res.json();
+}
+
+async function poll() {
+  try {
+    const stats = await getJson("/api/stats");
+    if (stats.last_seq < lastSeq) { lastSeq = 0; shown = []; }
+    const tb = document.querySelector("#paths tbody");
+    tb.replaceChildren(...Object.keys(stats.paths).map(p => {
+      const tr = el("tr");
+      [p, stats.paths[p].count, stats.paths[p].bytes].forEach(c => tr.appendChild(el("td", c)));
+      return tr;
+    }));
+    const fresh = await getJson("/api/reports?limit=" + MAX_SHOWN + "&since=" + lastSeq);
+    if (fresh.length) {
+      lastSeq = fresh[fresh.length - 1].seq;
+      shown = shown.concat(fresh).slice(-MAX_SHOWN);
+      render();
+    }
+    const faults = await getJson("/api/faults");
+    document.getElementById("faults").textContent = faults.pending.length ?
+        "pending: " + JSON.stringify(faults.pending) : "no pending fault orders";
+    document.getElementById("status").textContent = stats.total + " report(s), " +
+        stats.bytes + " bytes since the last clear; updated " + new Date().toLocaleTimeString();
+  } catch (e) {
+    document.getElementById("status").textContent = "cannot reach cloudsim: " + e;
+  }
+}
+
+document.querySelectorAll("button[data-order]").forEach(b => b.addEventListener("click", () =>
+  fetch("/api/faults", {method: "POST", headers: {"Content-Type": "application/json"},
+                        body: b.dataset.order}).then(poll)));
+document.getElementById("clear-reports").addEventListener("click", () =>
+  fetch("/api/reports", {method: "DELETE"}).then(() => { shown = []; render(); poll(); }));
+
+poll();
+setInterval(poll, 1000);
+</script>
+</body>
+</html>
+)PAGE";
+
+}  // namespace cloudsim
