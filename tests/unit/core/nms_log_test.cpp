@@ -3,10 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -15,34 +15,11 @@
 
 namespace {
 
-struct Switches {
-    int error, trace, debug;
-};
-
-Switches switches()
-{
-    return {log_error_on.load(), log_trace_on.load(), log_debug_on.load()};
-}
-
-void set_switches(Switches s)
-{
-    log_error_on.store(s.error);
-    log_trace_on.store(s.trace);
-    log_debug_on.store(s.debug);
-}
-
 std::string read_file(const std::string &path)
 {
-    std::ifstream f(path);
     std::stringstream ss;
-    ss << f.rdbuf();
+    ss << std::ifstream(path).rdbuf();
     return ss.str();
-}
-
-std::string scratch_file(const char *name)
-{
-    mkdir(NMS_TEST_TMPDIR, 0755);
-    return std::string(NMS_TEST_TMPDIR) + "/" + name + "." + std::to_string(getpid());
 }
 
 // Keeps the test's own stdout/stderr and the switches, and puts them back.
@@ -50,25 +27,42 @@ class LogTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        saved_ = switches();
+        saved_[0] = log_error_on.load();
+        saved_[1] = log_trace_on.load();
+        saved_[2] = log_debug_on.load();
         fflush(stdout);
-        fflush(stderr);
         out_ = dup(STDOUT_FILENO);
         err_ = dup(STDERR_FILENO);
+        mkdir(NMS_TEST_TMPDIR, 0755);
+        path_ = std::string(NMS_TEST_TMPDIR) + "/console." + std::to_string(getpid());
+        std::ofstream(path_, std::ios::trunc) << "earlier\n";
     }
     void TearDown() override
     {
         fflush(stdout);
-        fflush(stderr);
         dup2(out_, STDOUT_FILENO);
         dup2(err_, STDERR_FILENO);
         close(out_);
         close(err_);
-        set_switches(saved_);
+        set(saved_[0], saved_[1], saved_[2]);
+        unlink(path_.c_str());
+    }
+    static void set(int error, int trace, int debug)
+    {
+        log_error_on.store(error);
+        log_trace_on.store(trace);
+        log_debug_on.store(debug);
+    }
+    static bool is(int error, int trace, int debug)
+    {
+        return log_error_on.load() == error && log_trace_on.load() == trace &&
+               log_debug_on.load() == debug;
     }
 
+    std::string path_;
+
 private:
-    Switches saved_{};
+    int saved_[3] = {};
     int out_ = -1, err_ = -1;
 };
 
@@ -84,85 +78,60 @@ void report_fixed_line()
 
 }  // namespace
 
-TEST_F(LogTest, PrintsPrefixMessageAndNewline)
+TEST_F(LogTest, PrintsPrefixMessageAndNewlineOnlyWhileSwitchedOn)
 {
-    set_switches({1, 0, 0});
+    set(1, 0, 0);
+    int evaluated = 0;
     testing::internal::CaptureStdout();
     report_value(42);
     report_fixed_line();
+    NMS_LOG_DEBUG("%d", ++evaluated);
+    NMS_LOG_TRACE("%d", ++evaluated);
     std::string out = testing::internal::GetCapturedStdout();
 
-    // The caller's function and source line, no blank before the message.
-    std::string expect_first = "Function is:report_value, Line is:";
-    ASSERT_EQ(out.compare(0, expect_first.size(), expect_first), 0) << out;
-    EXPECT_NE(out.find(".value 42\n"), std::string::npos) << out;
-    // A fixed line number replaces the source line; a message ending in its own
-    // newline gets the writer's newline as well.
-    EXPECT_NE(out.find("Function is:report_fixed_line, Line is:140."
+    // The caller's function and source line, the message right after the prefix;
+    // a fixed line replaces the source line, and a message's own newline is
+    // followed by the writer's.
+    EXPECT_EQ(out.rfind("Function is:report_value, Line is:", 0), 0u) << out;
+    EXPECT_NE(out.find(".value 42\nFunction is:report_fixed_line, Line is:140."
                        "create thread(cloudMngtRegThread) failed!\n\n"),
               std::string::npos)
         << out;
-}
-
-TEST_F(LogTest, SwitchedOffLevelsPrintAndEvaluateNothing)
-{
-    set_switches({0, 1, 0});
-    int evaluated = 0;
-    testing::internal::CaptureStdout();
-    NMS_LOG_ERROR("%d", ++evaluated);
-    NMS_LOG_DEBUG("%d", ++evaluated);
-    NMS_LOG_TRACE("trace %s", "on");
-    std::string out = testing::internal::GetCapturedStdout();
+    // A level that is off neither prints nor evaluates its arguments.
     EXPECT_EQ(evaluated, 0);
-    EXPECT_NE(out.find(".trace on\n"), std::string::npos) << out;
-    EXPECT_EQ(out.find("Function is:", 1), std::string::npos) << "one line only: " << out;
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 3) << out;
 }
 
-TEST_F(LogTest, LevelsSetExactlyOneSwitch)
+TEST_F(LogTest, LevelsSetExactlyOneSwitchEvenWhenThePathFails)
 {
-    // The path cannot be opened: streams stay, switches still change.
     const char *bad = "/nonexistent-nms-dir/console";
-    struct Case {
-        int level;
-        Switches expect;
-    } cases[] = {
-        {-7, {1, 0, 0}}, {0, {1, 0, 0}}, {1, {0, 1, 0}},
-        {2, {0, 0, 1}},  {3, {0, 0, 0}}, {10, {0, 0, 0}},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE("level " + std::to_string(c.level));
-        set_switches({1, 1, 1});
-        set_debug_output(bad, c.level);
-        Switches s = switches();
-        EXPECT_EQ(s.error, c.expect.error);
-        EXPECT_EQ(s.trace, c.expect.trace);
-        EXPECT_EQ(s.debug, c.expect.debug);
-    }
+    set(1, 1, 1);
+    set_debug_output(bad, -7);
+    EXPECT_TRUE(is(1, 0, 0));
+    set_debug_output(bad, 0);
+    EXPECT_TRUE(is(1, 0, 0));
+    set_debug_output(bad, 1);
+    EXPECT_TRUE(is(0, 1, 0));
+    set_debug_output(bad, 2);
+    EXPECT_TRUE(is(0, 0, 1));
+    set_debug_output(bad, 3);
+    EXPECT_TRUE(is(0, 0, 0));
+    set_debug_output(bad, 100);
+    EXPECT_TRUE(is(0, 0, 0));
 
-    SCOPED_TRACE("a null path changes nothing");
-    set_switches({0, 1, 1});
+    set(0, 1, 1);
     set_debug_output(nullptr, 0);
-    Switches s = switches();
-    EXPECT_EQ(s.error, 0);
-    EXPECT_EQ(s.trace, 1);
-    EXPECT_EQ(s.debug, 1);
+    EXPECT_TRUE(is(0, 1, 1)) << "a null path changes nothing";
 }
 
-TEST_F(LogTest, RedirectsBothStreamsAndAppends)
+TEST_F(LogTest, RedirectsBothStreamsUnbufferedAndAppends)
 {
-    std::string path = scratch_file("console");
-    {
-        std::ofstream f(path, std::ios::trunc);
-        f << "earlier\n";
-    }
-    set_debug_output(path.c_str(), 2);
+    set_debug_output(path_.c_str(), 2);
     NMS_LOG_DEBUG("to the file");
     NMS_LOG_ERROR("not at level 2");
     fputs("stderr too\n", stderr);
-    // Unbuffered now: everything is in the file without a flush.
-    std::string text = read_file(path);
-    unlink(path.c_str());
-
+    // No flush: both streams are unbuffered now.
+    std::string text = read_file(path_);
     EXPECT_EQ(text.rfind("earlier\nFunction is:", 0), 0u) << text;
     EXPECT_NE(text.find(".to the file\nstderr too\n"), std::string::npos) << text;
     EXPECT_EQ(text.find("not at level 2"), std::string::npos) << text;
@@ -170,9 +139,7 @@ TEST_F(LogTest, RedirectsBothStreamsAndAppends)
 
 TEST_F(LogTest, ConcurrentMessagesDoNotInterleave)
 {
-    std::string path = scratch_file("lines");
-    { std::ofstream f(path, std::ios::trunc); }
-    set_debug_output(path.c_str(), 1);
+    set_debug_output(path_.c_str(), 1);
     constexpr int kLines = 300;
     auto writer = [](char tag) {
         for (int i = 0; i < kLines; i++)
@@ -181,16 +148,14 @@ TEST_F(LogTest, ConcurrentMessagesDoNotInterleave)
     std::thread a(writer, 'a'), b(writer, 'b');
     a.join();
     b.join();
-    std::string text = read_file(path);
-    unlink(path.c_str());
 
-    std::istringstream in(text);
+    std::istringstream in(read_file(path_));
     std::string line;
+    std::getline(in, line);  // "earlier"
     int count = 0;
     while (std::getline(in, line)) {
-        SCOPED_TRACE(line);
-        ASSERT_EQ(line.rfind("Function is:", 0), 0u);
-        ASSERT_EQ(line.size() - line.find('.') - 1, 6u + 35u);
+        ASSERT_EQ(line.rfind("Function is:", 0), 0u) << line;
+        ASSERT_EQ(line.size() - line.find('.') - 1, 41u) << line;
         count++;
     }
     EXPECT_EQ(count, 2 * kLines);
