@@ -29,6 +29,9 @@ constexpr int kMaxEvents = 32;
 
 int g_poll_fd = -1;
 int g_wake_pipe[2] = {-1, -1};
+// Write end of the pipe as seen by uloop_end on other threads and by signal
+// handlers; -1 while there is no loop.
+std::atomic<int> g_wake_write{-1};
 uloop_fd g_waker;
 int g_run_depth;
 
@@ -75,8 +78,9 @@ void set_cancelled(bool v)
 void wake()
 {
 	int saved = errno;
-	if (g_wake_pipe[1] >= 0) {
-		ssize_t r = write(g_wake_pipe[1], "w", 1);
+	int fd = g_wake_write.load(std::memory_order_relaxed);
+	if (fd >= 0) {
+		ssize_t r = write(fd, "w", 1);
 		(void)r;  // a full pipe already holds a wake-up
 	}
 	errno = saved;
@@ -120,6 +124,15 @@ void install(SavedSignal &s, void (*handler)(int))
 		s.old = old;
 		s.installed = true;
 	}
+}
+
+// SIGCHLD is taken only once a child is watched: a handler would make
+// msgrcv, sleeps and other blocking calls on the process's other threads
+// return EINTR each time one of their popen or system children exits.
+void watch_children()
+{
+	if (uloop_handle_sigchld && g_poll_fd >= 0 && !g_saved[2].installed)
+		install(g_saved[2], on_sigchld);
 }
 
 void restore_signals()
@@ -241,6 +254,7 @@ int uloop_init(void) noexcept
 		g_poll_fd = -1;
 		return -1;
 	}
+	g_wake_write.store(g_wake_pipe[1], std::memory_order_relaxed);
 	g_waker = uloop_fd {};
 	g_waker.fd = g_wake_pipe[0];
 	g_waker.cb = drain_waker;
@@ -250,8 +264,8 @@ int uloop_init(void) noexcept
 	}
 	install(g_saved[0], on_terminate);
 	install(g_saved[1], on_terminate);
-	if (uloop_handle_sigchld)
-		install(g_saved[2], on_sigchld);
+	if (!list_empty(&g_processes))
+		watch_children();
 	struct sigaction old {};
 	if (sigaction(SIGPIPE, nullptr, &old) == 0 && !(old.sa_flags & SA_SIGINFO) &&
 	    old.sa_handler == SIG_DFL) {
@@ -269,6 +283,7 @@ int uloop_init(void) noexcept
 void uloop_done(void) noexcept
 {
 	restore_signals();
+	g_wake_write.store(-1, std::memory_order_relaxed);
 	if (g_poll_fd >= 0)
 		close(g_poll_fd);
 	g_poll_fd = -1;
@@ -335,8 +350,14 @@ int uloop_fd_add(uloop_fd *sock, unsigned int flags) noexcept
 	if (flags & ULOOP_EDGE_TRIGGER)
 		ev.events |= EPOLLET;
 	ev.data.ptr = sock;
-	if (epoll_ctl(g_poll_fd, sock->registered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, sock->fd, &ev) < 0)
-		return -1;
+	// `registered` can be stale after uloop_done and a new uloop_init (the
+	// new poller has never seen the fd), so the other operation is tried too.
+	int op = sock->registered ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+	if (epoll_ctl(g_poll_fd, op, sock->fd, &ev) < 0) {
+		int other = op == EPOLL_CTL_MOD ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
+		if ((errno != ENOENT && errno != EEXIST) || epoll_ctl(g_poll_fd, other, sock->fd, &ev) < 0)
+			return -1;
+	}
 	sock->flags = static_cast<uint8_t>(flags);
 	sock->registered = true;
 	sock->eof = false;
@@ -437,6 +458,7 @@ int uloop_process_add(uloop_process *p) noexcept
 		return -1;
 	list_add_tail(&p->list, &g_processes);
 	p->pending = true;
+	watch_children();
 	// The child may already have exited before it was watched.
 	g_sigchld.store(1, std::memory_order_relaxed);
 	return 0;

@@ -63,7 +63,8 @@ extern bool uloop_cancelled;
 extern bool uloop_handle_sigchld;
 
 /* Creates the poller and wake-up pipe (close-on-exec) and takes SIGINT,
- * SIGTERM, SIGCHLD and SIGPIPE where their handling is still the default.
+ * SIGTERM and SIGPIPE (ignored) where their handling is still the default;
+ * SIGCHLD likewise, but only from the first uloop_process_add on.
  * Idempotent; 0 or -1. */
 int uloop_init(void) UBOX_NOEXCEPT;
 /* Runs until uloop_end or SIGINT/SIGTERM (timeout < 0), or makes one pass
@@ -98,7 +99,9 @@ int64_t uloop_timeout_remaining64(struct uloop_timeout *timeout) UBOX_NOEXCEPT;
 /* ms until the earliest pending timeout (0 if overdue), -1 if none. */
 int uloop_get_next_timeout(void) UBOX_NOEXCEPT;
 
-/* Watches p->pid; p->cb(p, raw wait status) runs from the loop once it exits. */
+/* Watches p->pid; p->cb(p, raw wait status) runs from the loop once it
+ * exits. Only watched children are reaped: children of popen or system keep
+ * their status for pclose or waitpid. */
 int uloop_process_add(struct uloop_process *p) UBOX_NOEXCEPT;
 int uloop_process_delete(struct uloop_process *p) UBOX_NOEXCEPT;
 

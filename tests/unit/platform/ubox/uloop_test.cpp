@@ -191,6 +191,25 @@ TEST_F(Uloop, EdgeTriggeredFiresOncePerArrivalAndBlockingIsKept)
 	close(p[1]);
 }
 
+TEST_F(Uloop, DescriptorStillRegisteredAcrossDoneAndInitCanBeAddedAgain)
+{
+	// What a bus context does when its owner restarts the loop under it.
+	int p[2];
+	ASSERT_EQ(0, pipe(p));
+	Reader r(p[0]);
+	ASSERT_EQ(0, uloop_fd_add(&r.u, ULOOP_READ));
+	uloop_done();
+	ASSERT_EQ(0, uloop_init());
+	EXPECT_TRUE(r.u.registered);  // stale: the new poller never saw it
+	ASSERT_EQ(0, uloop_fd_add(&r.u, ULOOP_READ));
+	ASSERT_EQ(1, write(p[1], "x", 1));
+	uloop_run_timeout(0);
+	EXPECT_EQ("x", r.got);
+	uloop_fd_delete(&r.u);
+	close(p[0]);
+	close(p[1]);
+}
+
 TEST_F(Uloop, DeleteDropsUndeliveredEventsAndWriteIsReported)
 {
 	int a[2], b[2];
@@ -235,6 +254,13 @@ TEST_F(Uloop, EndFromAnotherThreadWakesTheLoop)
 	t.join();
 }
 
+sighandler_t handler_of(int sig)
+{
+	struct sigaction sa {};
+	sigaction(sig, nullptr, &sa);
+	return sa.sa_handler;
+}
+
 TEST_F(Uloop, TerminatingSignalsEndTheRunAndAreReturned)
 {
 	for (int sig : {SIGTERM, SIGINT}) {
@@ -246,14 +272,15 @@ TEST_F(Uloop, TerminatingSignalsEndTheRunAndAreReturned)
 		EXPECT_EQ(sig, uloop_run());
 	}
 	uloop_done();
-	struct sigaction sa {};
-	sigaction(SIGTERM, nullptr, &sa);
-	EXPECT_EQ(SIG_DFL, sa.sa_handler);  // done gives the signal back
+	EXPECT_EQ(SIG_DFL, handler_of(SIGTERM));  // done gives the signal back
 	ASSERT_EQ(0, uloop_init());
 }
 
 TEST_F(Uloop, WatchedChildIsReapedWithItsStatus)
 {
+	// Nothing watched yet: SIGCHLD is left alone (children of popen and
+	// system on other threads stay theirs).
+	EXPECT_EQ(SIG_DFL, handler_of(SIGCHLD));
 	pid_t pid = fork();
 	ASSERT_GE(pid, 0);
 	if (pid == 0)
@@ -273,6 +300,10 @@ TEST_F(Uloop, WatchedChildIsReapedWithItsStatus)
 	ASSERT_TRUE(WIFEXITED(w.status));
 	EXPECT_EQ(3, WEXITSTATUS(w.status));
 	EXPECT_FALSE(w.p.pending);
+	EXPECT_NE(SIG_DFL, handler_of(SIGCHLD));
+	uloop_done();
+	EXPECT_EQ(SIG_DFL, handler_of(SIGCHLD));
+	ASSERT_EQ(0, uloop_init());
 }
 
 std::set<int> open_fds()
