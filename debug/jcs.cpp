@@ -46,6 +46,9 @@ struct jcs_entry {
 };
 
 constexpr uint32_t kTableBuckets = 256;
+// Compact JSON; "/" is left as it is (escaping it is allowed, not needed, and paths
+// read better without).
+constexpr int kCompact = JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE;
 constexpr size_t kProcNameLen = 64;
 // A stuck client must not stall a server thread: a reply that cannot be queued within
 // this many send time-outs (one second each) is dropped.
@@ -374,7 +377,7 @@ int jcs_handle_request(const char *text, std::string *reply_path,
 
         if (!has_path || !reply)
             return JCS_REQ_DONE;
-        const char *out = json_object_to_json_string_ext(reply.get(), JSON_C_TO_STRING_PLAIN);
+        const char *out = json_object_to_json_string_ext(reply.get(), kCompact);
         if (!out)
             return JCS_REQ_DONE;
         if (strlen(out) > JCS_MSG_MAX) {
@@ -414,6 +417,7 @@ void *jcs_work_task(void *arg) noexcept
     }
 
     for (;;) {
+        fflush(stdout);
         while (!jcs_running.load(std::memory_order_relaxed))
             sleep(1);
 
@@ -451,7 +455,6 @@ void *jcs_work_task(void *arg) noexcept
         if (r == JCS_REQ_REPLY)
             send_reply(fd.get(), reply_path, reply_text);
         JCS_DBG("==========Process End=========\n\n\n");
-        fflush(stdout);
     }
     return nullptr;
 }
@@ -497,7 +500,7 @@ int jcs_send_to_process(const char *process, const char *name, int op, json_obje
     json_object_object_add(req.get(), "op", json_object_new_int(op));
     json_object_object_add(req.get(), "clt_path", json_object_new_string(own_path));
     json_object_object_add(req.get(), "data", data_hold.release());
-    const char *text = json_object_to_json_string_ext(req.get(), JSON_C_TO_STRING_PLAIN);
+    const char *text = json_object_to_json_string_ext(req.get(), kCompact);
     size_t len = text ? strlen(text) : 0;
 
     sockaddr_un addr;
@@ -588,7 +591,7 @@ int jcs_test_callback_add(json_object *data, json_object *reply) noexcept
     if (reply) {
         json_object_object_add(reply, "result", json_object_new_int(0));
         json_object_object_add(reply, "read", json_object_new_int(read));
-        JCS_DBG("reply: %s\n", json_object_to_json_string_ext(reply, JSON_C_TO_STRING_PLAIN));
+        JCS_DBG("reply: %s\n", json_object_to_json_string_ext(reply, kCompact));
     }
     return 0;
 }

@@ -59,9 +59,11 @@ int main(int argc, char **argv)
     const char *text = rest == 4 ? argv[optind + 3] : "{}";
 
     json_tokener *tok = json_tokener_new();
-    json_object *data = tok ? json_tokener_parse_ex(tok, text, static_cast<int>(strlen(text))) : nullptr;
+    // The terminator is handed over too: it is what ends a bare number such as "5".
+    json_object *data =
+        tok ? json_tokener_parse_ex(tok, text, static_cast<int>(strlen(text)) + 1) : nullptr;
     bool whole = tok && json_tokener_get_error(tok) == json_tokener_success &&
-                 json_tokener_get_parse_end(tok) == strlen(text);
+                 json_tokener_get_parse_end(tok) >= strlen(text);
     if (tok)
         json_tokener_free(tok);
     if (!data || !whole) {
@@ -76,7 +78,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "jcs_call: no reply from %s\n", process);
         return 1;
     }
-    printf("%s\n", json_object_to_json_string_ext(reply, JSON_C_TO_STRING_PLAIN));
+    printf("%s\n", json_object_to_json_string_ext(reply, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE));
     json_object_put(reply);
     return 0;
 }

@@ -51,7 +51,7 @@ bool send_line(const char *process, const std::string &line, int timeout, std::s
         return false;
     }
     if (reply_out)
-        *reply_out = json_object_to_json_string_ext(reply, JSON_C_TO_STRING_PLAIN);
+        *reply_out = json_object_to_json_string_ext(reply, JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
     json_object_put(reply);
     return true;
 }

@@ -77,11 +77,16 @@ protected:
     {
         std::string dir = self_dir();
         std::string exe = dir + "/udbg_exec_test";
+        // CTest runs the cases of this binary side by side: a scratch file each.
+        scratch_ = exe + "." + std::to_string(getpid()) + ".symtmp";
         udbg_symbols_set_paths((exe + "_symbol_fun").c_str(), (exe + "_symbol_obj").c_str(),
-                               (exe + ".symtmp").c_str());
+                               scratch_.c_str());
     }
+    static void TearDownTestSuite() { unlink(scratch_.c_str()); }
+    static std::string scratch_;
     void TearDown() override { udbg_dbg_on.store(0); }
 };
+std::string UdbgExec::scratch_;
 
 }  // namespace
 

@@ -1,0 +1,70 @@
+// debug_daemon_itest.cpp - the debug shell of the running daemon, reached with nms_dbg
+// in a sandbox where the simulated device and cloud run beside it.
+#include "itest.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+
+using itest::run;
+
+namespace {
+
+std::string dbg(const std::string &cmd)
+{
+    auto r = run("nms_dbg '" + cmd + "'");
+    EXPECT_EQ(r.status, 0) << r.output;
+    return r.output;
+}
+
+bool listed(const std::string &list, const std::string &name)
+{
+    return run("grep -qw " + name + " /usr/sbin/nms_report_symbol_" + list).status == 0;
+}
+
+}  // namespace
+
+TEST(DaemonDebugShell, CliCallsTheDaemonByName)
+{
+    ASSERT_TRUE(itest::wait_until(
+        [] { return itest::file_exists("/tmp/jcs.service.srv.nms_report"); },
+        std::chrono::seconds(20)));
+    ASSERT_TRUE(itest::file_exists("/usr/sbin/nms_report_symbol_fun"));
+    ASSERT_TRUE(itest::file_exists("/usr/sbin/nms_report_symbol_obj"));
+
+    SCOPED_TRACE("a function of the daemon, called by name: the help list");
+    std::string help = dbg("help()");
+    EXPECT_NE(help.find("help()                            -- print help information for ** dbg "
+                        "** module \n\r"),
+              std::string::npos)
+        << help;
+    EXPECT_NE(help.find("nms_event_debug_help()            -- print help information for ** "
+                        "nms_event ** module \n\r"),
+              std::string::npos)
+        << help;
+
+    SCOPED_TRACE("a 4-byte switch of the daemon: read, set, read back, restore");
+    // The event statistics print switch once the event pipeline is linked in; the
+    // core's debug log switch otherwise (both plain 4-byte words).
+    const std::string var = listed("obj", "event_stats_print_on") ? "event_stats_print_on"
+                                                                   : "log_debug_on";
+    const std::regex read0("\n Variable \\[" + var + "\\] : addr = 0x[0-9a-f]+, value = 0\\(0x0\\)\n");
+    EXPECT_TRUE(std::regex_match(dbg(var), read0));
+    EXPECT_EQ(dbg(var + " = 1"), "\n Set variable " + var + " = 1 (0x1)\n");
+    EXPECT_NE(dbg(var).find("value = 1(0x1)"), std::string::npos);
+    if (listed("fun", "get_event_stats_print_on") && var == "event_stats_print_on") {
+        EXPECT_EQ(dbg("get_event_stats_print_on()"),
+                  "\n Execute get_event_stats_print_on() return 1(0x1)\n");
+    }
+    EXPECT_EQ(dbg(var + "=0"), "\n Set variable " + var + " = 0 (0x0)\n");
+
+    SCOPED_TRACE("the example service answers plain requests");
+    auto r = run("jcs_call nms_report example 0 '{\"count\":2,\"names\":[\"a\"]}'");
+    EXPECT_EQ(r.output, "{\"result\":0,\"read\":2}\n");
+
+    SCOPED_TRACE("the daemon's output is back on its console afterwards");
+    run("nms_dbg -n 'help()'");
+    EXPECT_TRUE(itest::wait_until(
+        [] { return itest::console().find("** dbg ** module") != std::string::npos; }));
+}
