@@ -60,7 +60,8 @@ function(nms_sandbox_test)
   # the binary inside scripts/sandbox, so each case gets a sandbox of its own.
   target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} nms_itest nms_warnings)
   set(env "NMS_STAGE=${NMS_TEST_STAGE}")
-  if(DEFINED T_SERVICES)
+  # SERVICES "" (start none) leaves T_SERVICES undefined; it is then a keyword without value.
+  if(DEFINED T_SERVICES OR "SERVICES" IN_LIST T_KEYWORDS_MISSING_VALUES)
     list(APPEND env "NMS_SANDBOX_SERVICES=${T_SERVICES}")
   endif()
   gtest_discover_tests(${T_NAME} DISCOVERY_MODE PRE_TEST

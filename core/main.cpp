@@ -5,6 +5,10 @@
 // was started is stopped, the process exit ends it. There is no orderly
 // shutdown: the daemon runs until it is killed.
 #include "event_config.h"
+#include "event_dispatch.h"
+#include "event_list.h"
+#include "event_report.h"
+#include "event_schedule.h"
 #include "jcs.h"
 #include "nms_log.h"
 #include "udbg.h"
@@ -115,15 +119,22 @@ int main()
 
     // [stats] init_statistics_params(); nonzero:
     //     NMS_LOG_ERROR_AT(kLineStatsInit, "init_statistics_params error."); return -1;
-    // [event] init_event_node_list(); nonzero:
-    //     NMS_LOG_ERROR_AT(kLineEventListInit, "init_event_node_list error."); return -1;
-    // [event] init_nms_event_report(); nonzero:
-    //     NMS_LOG_ERROR_AT(kLineEventReportInit, "init_nms_event_report error."); return -1;
-    // [event] init_nms_event_list_report_task(); nonzero:
-    //     NMS_LOG_ERROR_AT(kLineReportTaskInit, "init_nms_event_list_report_task error.");
-    //     return -1;
-    // [event] init_msg_handle(); nonzero:
-    //     NMS_LOG_ERROR_AT(kLineMsgHandleInit, "init_msg_handle error."); return -1;
+    if (init_event_node_list() != 0) {
+        NMS_LOG_ERROR_AT(kLineEventListInit, "init_event_node_list error.");
+        return -1;
+    }
+    if (init_nms_event_report(0, nullptr) != 0) {
+        NMS_LOG_ERROR_AT(kLineEventReportInit, "init_nms_event_report error.");
+        return -1;
+    }
+    if (init_nms_event_list_report_task() != 0) {
+        NMS_LOG_ERROR_AT(kLineReportTaskInit, "init_nms_event_list_report_task error.");
+        return -1;
+    }
+    if (init_msg_handle() != 0) {
+        NMS_LOG_ERROR_AT(kLineMsgHandleInit, "init_msg_handle error.");
+        return -1;
+    }
 
     jcs_run();
 
@@ -146,9 +157,15 @@ int main()
         return -1;
     }
 
-    // [event] one-second scan: nms_event_begin_scan().
-    // [event] short-link self-test: when /tmp/tmp_nms_event_test_short_link exists,
-    //     eight threads "g_test_short_link_send[i]" running _test_short_link_send.
+    nms_event_begin_scan();
+
+    // Short-link self-test, only on a device prepared for it.
+    if (access("/tmp/tmp_nms_event_test_short_link", F_OK) == 0) {
+        for (int i = 0; i < 8; i++) {
+            pthread_t tid;
+            uac_thread_create(&tid, "g_test_short_link_send[i]", _test_short_link_send, nullptr);
+        }
+    }
 
     for (;;)
         sleep(60);
