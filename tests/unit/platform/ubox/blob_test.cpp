@@ -455,18 +455,4 @@ TEST(Blob, RawAttributesNestAndParseWithInfo)
 	EXPECT_EQ(nullptr, b.buf);
 }
 
-TEST(Blob, CheckTypeWidths)
-{
-	const char s[] = "ab";
-	EXPECT_TRUE(blob_check_type(s, 3, BLOB_ATTR_STRING));
-	EXPECT_FALSE(blob_check_type(s, 2, BLOB_ATTR_STRING));
-	EXPECT_FALSE(blob_check_type(s, 0, BLOB_ATTR_STRING));
-	EXPECT_TRUE(blob_check_type(s, 1, BLOB_ATTR_INT8));
-	EXPECT_FALSE(blob_check_type(s, 2, BLOB_ATTR_INT8));
-	EXPECT_TRUE(blob_check_type(s, 2, BLOB_ATTR_INT16));
-	EXPECT_FALSE(blob_check_type(s, 8, BLOB_ATTR_INT32));
-	EXPECT_TRUE(blob_check_type(s, 8, BLOB_ATTR_INT64));
-	EXPECT_FALSE(blob_check_type(s, 7, BLOB_ATTR_DOUBLE));
-}
-
 } // namespace
