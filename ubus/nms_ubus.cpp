@@ -41,7 +41,7 @@ constexpr int kConnectAttempts = 4;
 constexpr int kReconnectSeconds = 2;
 constexpr unsigned kLoopFlags = ULOOP_READ | ULOOP_BLOCKING;
 constexpr int kPeriodTextLen = 65;          // a period as decimal text
-constexpr size_t kParamListSize = 32768;    // reply text of get_statistics_parms_list
+constexpr int kParamListSize = 32768;       // reply text of get_statistics_parms_list
 constexpr int32_t kEventMask = 1;           // the cloud report type's consumer bit
 constexpr int32_t kLastList = NMS_EVENT_LIST_NUM - 1;
 
