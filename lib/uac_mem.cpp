@@ -43,6 +43,34 @@ void dump_bytes(const unsigned char *p, size_t from, size_t to_excl) {
         printf("%02x ", p[i]);
 }
 
+// Prints the damage report of a guarded block: where it was allocated, the banner,
+// and the block in hex (whole, or its first and last 2048 bytes when large). `total`
+// is how many bytes of the block really exist.
+void report_damage(const unsigned char *block, uint32_t size, size_t total) {
+    int32_t line;
+    memcpy(&line, block + offsetof(mem_guard_head, line), sizeof line);
+    // The recorded name may have lost its terminator: copy at most 127 characters.
+    char func[MEM_GUARD_FUNC_LEN];
+    const char *rec = reinterpret_cast<const char *>(block + offsetof(mem_guard_head, func));
+    size_t n = strnlen(rec, kFuncMax);
+    memcpy(func, rec, n);
+    func[n] = '\0';
+    const void *data = block + MEM_GUARD_HEAD_LEN;
+
+    printf("func:%s line:%d \r\n", func, line);
+    printf("\033[31;49m[222Crrupte: ptr %p, size %d:\n\033[0m", data, static_cast<int>(size));
+    if (size <= kDumpWholeMax) {
+        dump_bytes(block, 0, total);
+    } else {
+        // The first and the last 2048 bytes of the block (the runs may overlap).
+        dump_bytes(block, 0, kDumpRun < total ? kDumpRun : total);
+        const size_t from = static_cast<size_t>(size) - kDumpWholeMax;
+        dump_bytes(block, from < total ? from : total, total);
+    }
+    printf("\n");
+    fflush(stdout);
+}
+
 }  // namespace
 
 extern "C" {
@@ -153,18 +181,17 @@ void *mem_guard_alloc(uint32_t size, int32_t line, const char *func) noexcept {
         malloc(static_cast<size_t>(size) + MEM_GUARD_OVERHEAD));
     if (!block)
         return nullptr;
-    mem_guard_head head;
-    head.size = size;
-    head.line = line;
-    size_t n = func ? strnlen(func, kFuncMax) : 0;
-    memcpy(head.func, func ? func : "", n);
-    head.func[n] = '\0';
-    head.head_mark1 = MEM_GUARD_HEAD_MARK1;
-    head.head_mark2 = MEM_GUARD_HEAD_MARK2;
-    // Only the name's own bytes are copied; the rest of the name field is never read.
-    memcpy(block, &head, offsetof(mem_guard_head, func) + n + 1);
-    memcpy(block + offsetof(mem_guard_head, head_mark1), &head.head_mark1, 8);
+    write_word(block, size);
+    memcpy(block + offsetof(mem_guard_head, line), &line, sizeof line);
+    // Only the name's own bytes and its terminator are written.
+    char *name = reinterpret_cast<char *>(block + offsetof(mem_guard_head, func));
+    const size_t n = func ? strnlen(func, kFuncMax) : 0;
+    if (n)
+        memcpy(name, func, n);
+    name[n] = '\0';
     unsigned char *data = block + MEM_GUARD_HEAD_LEN;
+    write_word(data - 8, MEM_GUARD_HEAD_MARK1);
+    write_word(data - 4, MEM_GUARD_HEAD_MARK2);
     write_word(data + size, MEM_GUARD_TAIL_MARK1);
     write_word(data + size + 4, MEM_GUARD_TAIL_MARK2);
     return data;
@@ -176,13 +203,6 @@ void mem_guard_free(void *ptr) noexcept {
     unsigned char *data = static_cast<unsigned char *>(ptr);
     unsigned char *block = data - MEM_GUARD_HEAD_LEN;
     const uint32_t size = read_word(block);
-    int32_t line;
-    memcpy(&line, block + offsetof(mem_guard_head, line), sizeof line);
-    char func[MEM_GUARD_FUNC_LEN];
-    const char *rec = reinterpret_cast<const char *>(block + offsetof(mem_guard_head, func));
-    size_t n = strnlen(rec, kFuncMax);
-    memcpy(func, rec, n);
-    func[n] = '\0';
 
     // A damaged header can claim more than was allocated: then the tail marks are not
     // where it says, and neither the check nor the dump may read past the real block.
@@ -194,20 +214,8 @@ void mem_guard_free(void *ptr) noexcept {
                         read_word(data + size + 4) == MEM_GUARD_TAIL_MARK2 &&
                         read_word(data - 4) == MEM_GUARD_HEAD_MARK2;
     const size_t total = size_fits ? claimed : real;
-    if (!intact) {
-        printf("func:%s line:%d \r\n", func, line);
-        printf("\033[31;49m[222Crrupte: ptr %p, size %d:\n\033[0m", ptr, static_cast<int>(size));
-        if (size <= kDumpWholeMax) {
-            dump_bytes(block, 0, total);
-        } else {
-            // The first and the last 2048 bytes of the block (the runs may overlap).
-            dump_bytes(block, 0, kDumpRun < total ? kDumpRun : total);
-            const size_t from = static_cast<size_t>(size) - kDumpWholeMax;
-            dump_bytes(block, from < total ? from : total, total);
-        }
-        printf("\n");
-        fflush(stdout);
-    }
+    if (!intact)
+        report_damage(block, size, total);
     memset(block, 0, total);
     free(block);
 }

@@ -1,0 +1,64 @@
+// bench_ratio.h - runs the registered benchmarks and prints each measured pair as a
+// ratio against its limit, both sides measured in the same run.
+#ifndef NMS_BENCH_RATIO_H
+#define NMS_BENCH_RATIO_H
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace nms_bench {
+
+// Ratios compare CPU times per iteration, the lowest of the repetitions
+// (--benchmark_repetitions=N) of each benchmark.
+
+// One comparison: `ours` must stay within `limit` times `baseline` (names as reported,
+// e.g. "BM_MemGuardAllocFree/64").
+struct Pair {
+    std::string ours;
+    std::string baseline;
+    double limit;
+};
+
+class RecordingReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run> &runs) override {
+        // CPU time, the best of the repetitions: the machine is shared, and a preempted
+        // run says nothing about the code.
+        for (const Run &r : runs) {
+            if (r.run_type != Run::RT_Iteration)
+                continue;
+            const double t = r.GetAdjustedCPUTime();
+            auto it = ns_.find(r.benchmark_name());
+            if (it == ns_.end() || t < it->second)
+                ns_[r.benchmark_name()] = t;
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+    // Prints one line per pair; returns the number of pairs over their limit.
+    int print_ratios(const std::vector<Pair> &pairs) const {
+        int over = 0;
+        printf("\n%-36s %-32s %8s %6s\n", "ours", "baseline", "ratio", "limit");
+        for (const Pair &p : pairs) {
+            auto a = ns_.find(p.ours), b = ns_.find(p.baseline);
+            if (a == ns_.end() || b == ns_.end() || b->second <= 0)
+                continue;
+            double ratio = a->second / b->second;
+            if (ratio > p.limit)
+                ++over;
+            printf("%-36s %-32s %7.2fx %5.1fx %s\n", p.ours.c_str(), p.baseline.c_str(), ratio,
+                   p.limit, ratio > p.limit ? "OVER" : "ok");
+        }
+        return over;
+    }
+
+private:
+    std::map<std::string, double> ns_;
+};
+
+}  // namespace nms_bench
+
+#endif  // NMS_BENCH_RATIO_H
