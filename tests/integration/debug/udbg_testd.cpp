@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <json-c/json.h>
@@ -47,8 +48,10 @@ void *crash_thread(void *arg)
     if (arg) {
         pthread_kill(pthread_self(), SIGBUS);
     } else {
-        volatile int *nowhere = nullptr;
-        *nowhere = 1;
+        // A real fault on a page nobody may touch (a null store would be caught by
+        // the undefined-behaviour sanitizer before it faults).
+        void *page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        *static_cast<volatile int *>(page) = 1;
     }
     return nullptr;
 }
