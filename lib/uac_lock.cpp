@@ -45,6 +45,15 @@ uintptr_t thread_bits(pthread_t t) {
         return static_cast<uintptr_t>(t);
 }
 
+// The calling thread's id, kept per thread: every take and give asks for it, and the
+// library call costs more than the rest of the owner bookkeeping.
+pthread_t self_id() {
+    static thread_local pthread_t me = kNoThread;
+    if (thread_bits(me) == 0)
+        me = pthread_self();
+    return me;
+}
+
 bool is_owner(const uac_mutex_t *m, pthread_t self) {
     return thread_bits(m->owner.load(std::memory_order_relaxed)) == thread_bits(self);
 }
@@ -153,14 +162,14 @@ int32_t uac_mutex_take(uac_mutex_t *m, uint32_t timeout_ms) noexcept {
     uac_thread_pend_mark(nullptr);
     if (rc != 0)
         return -1;
-    note_taken(m, pthread_self());
+    note_taken(m, self_id());
     return 0;
 }
 
 int32_t uac_mutex_give(uac_mutex_t *m) noexcept {
     if (!m)
         return -1;
-    if (!is_owner(m, pthread_self())) {
+    if (!is_owner(m, self_id())) {
         printf("WARNING: Try to give mutex \"%s\" not owned by thread itself.\n", m->name);
         fflush(stdout);
         return -1;
@@ -244,7 +253,7 @@ int32_t uac_cond_wait(uac_cond_t *c, uac_mutex_t *m, uint32_t timeout_ms) noexce
         fflush(stdout);
         return -1;
     }
-    const pthread_t self = pthread_self();
+    const pthread_t self = self_id();
     if (!is_owner(m, self)) {
         printf("Error: cond_wait \"%s\" use mutex \"%s\" that has not been taken before.\n",
                c->name, m->name);
@@ -325,7 +334,7 @@ int uac_sigmask_set(int how, int count, int sig, ...) noexcept {
 }
 
 int32_t uac_mutex_tag_take(uac_mutex_t *m, const char *func, int32_t line) noexcept {
-    const uint32_t self = static_cast<uint32_t>(thread_bits(pthread_self()));
+    const uint32_t self = static_cast<uint32_t>(thread_bits(self_id()));
     const uint32_t holder = g_tag.load(std::memory_order_relaxed);
     if (!func)
         func = "";

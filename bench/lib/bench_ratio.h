@@ -28,13 +28,17 @@ public:
     void ReportRuns(const std::vector<Run> &runs) override {
         // CPU time, the best of the repetitions: the machine is shared, and a preempted
         // run says nothing about the code.
+        // With --benchmark_report_aggregates_only only the aggregates arrive: then the
+        // median stands in.
         for (const Run &r : runs) {
-            if (r.run_type != Run::RT_Iteration)
+            const bool median = r.run_type == Run::RT_Aggregate && r.aggregate_name == "median";
+            if (r.run_type != Run::RT_Iteration && !median)
                 continue;
             const double t = r.GetAdjustedCPUTime();
-            auto it = ns_.find(r.benchmark_name());
+            const std::string name = median ? r.run_name.str() : r.benchmark_name();
+            auto it = ns_.find(name);
             if (it == ns_.end() || t < it->second)
-                ns_[r.benchmark_name()] = t;
+                ns_[name] = t;
         }
         ConsoleReporter::ReportRuns(runs);
     }
