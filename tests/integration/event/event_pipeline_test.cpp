@@ -37,6 +37,10 @@ namespace {
 
 const char kMac[] = "00-11-22-33-44-55";
 
+// SIGALRM belongs to the wheel timer's tick thread alone: blocked before any thread exists, so
+// every thread of the test (servers included) inherits the mask, as in the daemon.
+const int g_sigalrm_blocked = uac_sigmask_set(SIG_BLOCK, 1, SIGALRM);
+
 // Loopback stand-in of the management service: records every POST, answers with the queued
 // statuses (200 once they are used up).
 class Cloud {
@@ -118,7 +122,7 @@ void enable_types(const std::vector<std::pair<int, int>> &types) {
 
 // The pipeline's state as start-up leaves it, without the threads that would race the test.
 void init_lists_and_sender() {
-    uac_sigmask_set(SIG_BLOCK, 1, SIGALRM);
+    ASSERT_EQ(g_sigalrm_blocked, 0);
     uac_lock_module_init();
     uac_thread_module_init();
     ASSERT_EQ(init_event_node_list(), 0);
