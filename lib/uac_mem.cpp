@@ -45,8 +45,9 @@ void dump_bytes(const unsigned char *p, size_t from, size_t to_excl) {
 
 // Prints the damage report of a guarded block: where it was allocated, the banner,
 // and the block in hex (whole, or its first and last 2048 bytes when large). `total`
-// is how many bytes of the block really exist.
-void report_damage(const unsigned char *block, uint32_t size, size_t total) {
+// is how many bytes of the block really exist. Kept out of line: the free path of an
+// intact block then needs no stack frame worth mentioning.
+__attribute__((noinline, cold)) void report_damage(const unsigned char *block, uint32_t size, size_t total) {
     int32_t line;
     memcpy(&line, block + offsetof(mem_guard_head, line), sizeof line);
     // The recorded name may have lost its terminator: copy at most 127 characters.
@@ -204,16 +205,22 @@ void mem_guard_free(void *ptr) noexcept {
     unsigned char *block = data - MEM_GUARD_HEAD_LEN;
     const uint32_t size = read_word(block);
 
-    // A damaged header can claim more than was allocated: then the tail marks are not
-    // where it says, and neither the check nor the dump may read past the real block.
-    const size_t real = malloc_usable_size(block);
-    const size_t claimed = static_cast<size_t>(size) + MEM_GUARD_OVERHEAD;
-    const bool size_fits = claimed <= real;
-    const bool intact = size_fits && read_word(data + size) == MEM_GUARD_TAIL_MARK1 &&
-                        read_word(data - 8) == MEM_GUARD_HEAD_MARK1 &&
-                        read_word(data + size + 4) == MEM_GUARD_TAIL_MARK2 &&
-                        read_word(data - 4) == MEM_GUARD_HEAD_MARK2;
-    const size_t total = size_fits ? claimed : real;
+    // Intact head marks vouch for the header, and so for the recorded size. Once they
+    // are damaged the size may be too: the block is reported, and its real extent
+    // bounds the dump, so that it never reads past the allocation.
+    const bool head_ok = read_word(data - 8) == MEM_GUARD_HEAD_MARK1 &&
+                         read_word(data - 4) == MEM_GUARD_HEAD_MARK2;
+    size_t total = static_cast<size_t>(size) + MEM_GUARD_OVERHEAD;
+    bool intact;
+    if (head_ok) {
+        intact = read_word(data + size) == MEM_GUARD_TAIL_MARK1 &&
+                 read_word(data + size + 4) == MEM_GUARD_TAIL_MARK2;
+    } else {
+        const size_t real = malloc_usable_size(block);
+        if (total > real)
+            total = real;
+        intact = false;
+    }
     if (!intact)
         report_damage(block, size, total);
     memset(block, 0, total);

@@ -158,10 +158,12 @@ TEST(UacMem, LargeDamagedBlockIsDumpedAsTwoRuns) {
 }
 
 TEST(UacMem, DamagedHeaderSizeNeverReadsPastTheBlock) {
+    // The whole header overwritten, its size and head marks among it.
     auto *data = static_cast<unsigned char *>(mem_guard_alloc(8, 9, "hdr"));
     ASSERT_NE(data, nullptr);
     const uint32_t bogus = 100000;
     memcpy(data - 144, &bogus, sizeof bogus);
+    memset(data - 8, 0x11, 8);
     testing::internal::CaptureStdout();
     mem_guard_free(data);
     std::string out = testing::internal::GetCapturedStdout();
