@@ -389,6 +389,12 @@ int main(int argc, char **argv)
         return 1;
     httplib::Server svr;
     svr.set_payload_max_length(size_t(16) << 20);
+    // Address reuse for quick restarts, but not port sharing: a second stand-in on the same
+    // port must fail instead of silently splitting the reports with the first.
+    svr.set_socket_options([](int sock) {
+        int yes = 1;
+        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     sim.routes(svr);
     if (!svr.bind_to_port(opt.listen.c_str(), opt.port)) {
         std::fprintf(stderr, "cloudsim: cannot listen on %s:%d\n", opt.listen.c_str(), opt.port);
