@@ -402,12 +402,14 @@ void *jcs_work_task(void *arg) noexcept
         JCS_ERR("Create receive socket failed.\n");
         return nullptr;
     }
+    // Credentials are asked for before the socket can receive anything, so that no
+    // datagram arrives without its sender's.
+    int on = 1;
+    setsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
     if (bind_private(fd.get(), path) != 0) {
         JCS_ERR("Bind socket failed.\n");
         return nullptr;
     }
-    int on = 1;
-    setsockopt(fd.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
     timeval send_limit{1, 0};
     setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &send_limit, sizeof send_limit);
     UacBuf buf(static_cast<char *>(uac_malloc(JCS_MSG_MAX + 1)));
