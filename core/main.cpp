@@ -11,6 +11,8 @@
 #include "event_schedule.h"
 #include "jcs.h"
 #include "nms_log.h"
+#include "nms_ubus.h"
+#include "stats_registry.h"
 #include "udbg.h"
 
 #include "uac_lock.h"
@@ -26,13 +28,12 @@ namespace {
 
 // Fixed line numbers of the start-up failure messages. Support scripts match
 // the printed text, so the numbers stay as they are when this file changes.
-// (maybe_unused: the steps of modules still to come use them.)
-[[maybe_unused]] constexpr int kLineStatsInit = 93;
-[[maybe_unused]] constexpr int kLineEventListInit = 99;
-[[maybe_unused]] constexpr int kLineEventReportInit = 106;
-[[maybe_unused]] constexpr int kLineReportTaskInit = 113;
-[[maybe_unused]] constexpr int kLineMsgHandleInit = 119;
-[[maybe_unused]] constexpr int kLineBusThread = 127;
+constexpr int kLineStatsInit = 93;
+constexpr int kLineEventListInit = 99;
+constexpr int kLineEventReportInit = 106;
+constexpr int kLineReportTaskInit = 113;
+constexpr int kLineMsgHandleInit = 119;
+constexpr int kLineBusThread = 127;
 constexpr int kLineRegThread = 140;
 
 // The daemon's configuration directories with their save directories, and an
@@ -43,6 +44,13 @@ constexpr const char *kMakeEventConfDirs =
 constexpr const char *kMakeStatsConfDirs =
     "mkdir -p  /tmp/nms_stats_report_cfg; mkdir -p  /tmp/nms_stats_report_cfg.uci;"
     "touch /tmp/nms_stats_report_cfg/nms_report_stat_cb_cfg";
+
+// Run once the bus object is up, results ignored.
+constexpr const char *kRegisterStatsParams =
+    "lua /usr/lib/lua/nms_report/nms_report_reg_init.lua &> /dev/null";
+constexpr const char *kCheckReportStatus =
+    "ubus call cloudclient check_report_message_status "
+    "'{\"callback\":\"lua /usr/lib/lua/nms_report/nms_report_call.lua \"}' &> /dev/null";
 
 // Callback commands registered with the cloud client: going online starts
 // reporting, going offline stops it, and the report scripts run on the
@@ -117,8 +125,10 @@ int main()
         update_event_list_buf_timer();
     }
 
-    // [stats] init_statistics_params(); nonzero:
-    //     NMS_LOG_ERROR_AT(kLineStatsInit, "init_statistics_params error."); return -1;
+    if (init_statistics_params() != 0) {
+        NMS_LOG_ERROR_AT(kLineStatsInit, "init_statistics_params error.");
+        return -1;
+    }
     if (init_event_node_list() != 0) {
         NMS_LOG_ERROR_AT(kLineEventListInit, "init_event_node_list error.");
         return -1;
@@ -138,16 +148,18 @@ int main()
 
     jcs_run();
 
-    // [ubus] bus thread: uac_thread_create(&bus_tid, "handlerUbusThread", <bus thread
-    // body>, nullptr); nonzero:
-    //     NMS_LOG_ERROR_AT(kLineBusThread, "ubus pthread_create error."); return -1;
+    pthread_t bus_tid;
+    if (uac_thread_create(&bus_tid, "handlerUbusThread", handleUbusEvent, nullptr) != 0) {
+        NMS_LOG_ERROR_AT(kLineBusThread, "ubus pthread_create error.");
+        return -1;
+    }
 
     sleep(2);
 
-    // [ubus] statistics registrations and report status over the bus:
-    //     run_ignoring_result("lua /usr/lib/lua/nms_report/nms_report_reg_init.lua &> /dev/null");
-    //     run_ignoring_result("ubus call cloudclient check_report_message_status "
-    //         "'{\"callback\":\"lua /usr/lib/lua/nms_report/nms_report_call.lua \"}' &> /dev/null");
+    // With the bus object up: the local script registers the statistics parameters,
+    // and the cloud client is asked to report its message status to the report script.
+    run_ignoring_result(kRegisterStatsParams);
+    run_ignoring_result(kCheckReportStatus);
 
     pthread_t reg_tid;
     if (uac_thread_create(&reg_tid, "cloudMngtRegThread", cloudMngtRegThread, nullptr) != 0) {
