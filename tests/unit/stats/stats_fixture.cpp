@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 #include "nms_log.h"
 #include "report_switch.h"
@@ -34,17 +33,6 @@ void init_once() {
 
 std::string scratch(const std::string &name) {
     return std::string(NMS_TEST_TMPDIR) + (name.empty() ? "" : "/" + name);
-}
-
-std::string read_file(const std::string &path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void write_file(const std::string &path, const std::string &text) {
-    std::ofstream(path) << text;
 }
 
 std::vector<std::string> read_lines(const std::string &path) {

@@ -13,8 +13,6 @@ namespace statstest {
 
 // Scratch folder under the build tree, emptied before every test.
 std::string scratch(const std::string &name = "");
-std::string read_file(const std::string &path);
-void write_file(const std::string &path, const std::string &text);
 // Lines of a file, without their newlines.
 std::vector<std::string> read_lines(const std::string &path);
 

@@ -45,6 +45,11 @@ TEST_F(StatsRegistry, NodeTableHoldsSixtyTypesAndKeepsTheFirstRegistration) {
     add_node("60", "t3", "get60");
     EXPECT_STREQ(node_of("60", "t3")->get_cb, "get60");
     EXPECT_STREQ(node_of("30", "t3")->get_cb, "get");
+    EXPECT_EQ(statistics_params_cb_node_delete(group_of("30")->node_hash, "t3"), 0);
+    EXPECT_EQ(statistics_params_cb_node_delete(group_of("30")->node_hash, "t3"), -1);
+    EXPECT_NE(node_of("60", "t3"), nullptr);
+    EXPECT_EQ(statistics_params_timer_delete("30"), 0);  // with its nodes
+    EXPECT_EQ(statistics_params_timer_delete("30"), -1);
 }
 
 TEST_F(StatsRegistry, LongTextsAreCutAndTerminated) {
@@ -57,22 +62,6 @@ TEST_F(StatsRegistry, LongTextsAreCutAndTerminated) {
     ASSERT_NE(n, nullptr);
     EXPECT_EQ(std::string(n->get_cb), cmd.substr(0, STATS_CB_LEN));
     EXPECT_EQ(std::string(n->success_cb), cmd.substr(0, STATS_CB_LEN));
-}
-
-TEST_F(StatsRegistry, DeletingNodesAndGroups) {
-    add_node("30", "a", "get");
-    add_node("30", "b", "get");
-    EXPECT_EQ(statistics_params_cb_node_delete(group_of("30")->node_hash, "missing"), -1);
-    EXPECT_EQ(statistics_params_cb_node_delete(group_of("30")->node_hash, "a"), 0);
-    EXPECT_EQ(node_of("30", "a"), nullptr);
-    EXPECT_NE(node_of("30", "b"), nullptr);
-    EXPECT_EQ(statistics_params_cb_node_delete(nullptr, "b"), -1);
-
-    EXPECT_EQ(statistics_params_timer_delete("31"), -1);
-    EXPECT_EQ(statistics_params_timer_delete(nullptr), -1);
-    EXPECT_EQ(_statistics_params_timer_delete(nullptr, "30"), -1);
-    EXPECT_EQ(statistics_params_timer_delete("30"), 0);  // with the node still in it
-    EXPECT_EQ(group_of("30"), nullptr);
 }
 
 TEST_F(StatsRegistry, CopyHoldsEveryGroupAndNodeWithoutTimersOrPendingWork) {
@@ -144,17 +133,6 @@ TEST_F(StatsRegistry, CleanTellsEveryProducerAndKeepsTheRegistry) {
     EXPECT_EQ(node_of("30", "a")->param_action, 0);
     EXPECT_EQ(node_of("60", "quiet")->param_action, 0);
     EXPECT_EQ(uac_hash_count(group_of("60")->node_hash), 2u);
-}
-
-TEST_F(StatsRegistry, PrintShowsEveryGroupAndNode) {
-    add_node("30", "a", "get-a", "ok-a");
-    ::testing::internal::CaptureStdout();
-    print_all_statistics_params();
-    std::string out = ::testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("timeout=30\r\ntimer_id=-1\r\n===========\r\ntype:a\r\nget_cb:get-a\r\n"
-                       "success_cb:ok-a\r\nparam_action:0\r\n"),
-              std::string::npos)
-        << out;
 }
 
 TEST_F(StatsRegistry, SupportedListJoinsEachCommandOnceInOrder) {

@@ -2,8 +2,6 @@
 // the group timer's callback and its interval, all while reporting is offline (the sender
 // then sends nothing); the reports themselves are tested against the cloud stand-in in
 // tests/integration/stats.
-#include <unistd.h>
-
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -216,25 +214,6 @@ TEST_F(StatsReport, SuccessTextStartsDeliveredParametersInTheBackground) {
     EXPECT_LT(text.size(), size_t(STATS_SUCCESS_CMD_LEN));
     EXPECT_EQ(text.back(), '\n');
     EXPECT_EQ((text.size() - std::strlen("note a &\nnote b &\n")) % 253, 0u);
-}
-
-TEST_F(StatsReport, TimerWhileOfflineSendsNothingButAcknowledgesAndReArms) {
-    std::string log = scratch("ack.log");
-    add_node("3600", "a", answer_cmd("\"a\":1"), "echo a >> " + log);
-    add_node("3600", "b", "echo not-json", "echo b >> " + log);
-    begin_all_statistics_params_timer();
-    int32_t first = group_of("3600")->timer_id;
-    char arg[] = "3600";
-    timer_cb(arg);
-    // Only the parameter that delivered is told; the shell starts it in the background.
-    for (int i = 0; i < 200 && read_lines(log).empty(); ++i)
-        usleep(10000);
-    EXPECT_EQ(read_lines(log), std::vector<std::string>{"a"});
-    statistics_params_timer_entry *g = group_of("3600");
-    EXPECT_NE(g->timer_id, first);
-    EXPECT_NE(g->timer_id, STATS_NO_TIMER);
-    EXPECT_EQ(g->cnt, 1u);
-    EXPECT_NE(g->begin_time, 0u);
 }
 
 TEST_F(StatsReport, TimerOfQuietOrUnknownGroupIsNotReArmed) {
