@@ -51,7 +51,7 @@ using namespace std::chrono_literals;
 constexpr double kIngestRatioMin = 0.5;   // ingest rate / raw queue rate
 constexpr double kP99LimitMs = 1600;      // send -> cloud, list 0
 constexpr double kIdleCpuLimitPct = 0.2;  // of one core
-constexpr double kFullRssLimitMb = 45;    // all eight lists full
+constexpr double kFullRssLimitMb = 45;    // MiB, all eight lists full
 
 constexpr int kLists = NMS_EVENT_SEND_LISTS;
 constexpr int kListSlots = 6000;
@@ -460,6 +460,7 @@ struct Results {
     double idle_cpu_pct = -1;      // from /proc/<pid>/stat ticks
     double idle_cpu_pct_ns = -1;   // from the process CPU clock
     double idle_rss_mb = -1;
+    double idle_anon_mb = -1;
     double raw_per_s = -1;
     double ingest_per_s = -1;
     double ingest_ratio = -1;      // median of the per-round ratios
@@ -474,6 +475,8 @@ struct Results {
     int latency_events = 0;
     double full_rss_mb = -1;
     double full_hwm_mb = -1;
+    double full_anon_mb = -1;
+    double bytes_per_event = -1;   // anonymous memory the full lists added, per event
 };
 Results gR;
 
@@ -497,10 +500,12 @@ void BM_Idle(benchmark::State &state)
                           static_cast<double>(sysconf(_SC_CLK_TCK)) / wall;
         gR.idle_cpu_pct_ns = 100.0 * static_cast<double>(c1 - c0) / 1e9 / wall;
         gR.idle_rss_mb = static_cast<double>(gDaemon.status_kb("VmRSS")) / 1024.0;
+        gR.idle_anon_mb = static_cast<double>(gDaemon.status_kb("RssAnon")) / 1024.0;
     }
     state.counters["cpu_pct"] = gR.idle_cpu_pct;
     state.counters["cpu_pct_ns"] = gR.idle_cpu_pct_ns;
-    state.counters["rss_MB"] = gR.idle_rss_mb;
+    state.counters["rss_MiB"] = gR.idle_rss_mb;
+    state.counters["anon_MiB"] = gR.idle_anon_mb;
 }
 BENCHMARK(BM_Idle)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 
@@ -749,10 +754,15 @@ void BM_MemoryFull(benchmark::State &state)
         state.SetIterationTime(static_cast<double>(mono_ns() - t0) / 1e9);
         gR.full_rss_mb = static_cast<double>(gDaemon.status_kb("VmRSS")) / 1024.0;
         gR.full_hwm_mb = static_cast<double>(gDaemon.status_kb("VmHWM")) / 1024.0;
+        gR.full_anon_mb = static_cast<double>(gDaemon.status_kb("RssAnon")) / 1024.0;
+        if (gR.idle_anon_mb >= 0)
+            gR.bytes_per_event = (gR.full_anon_mb - gR.idle_anon_mb) * 1048576.0 /
+                                 (static_cast<double>(kLists) * kListSlots);
     }
     cloud.fault("{\"clear\":true}");
-    state.counters["rss_MB"] = gR.full_rss_mb;
-    state.counters["hwm_MB"] = gR.full_hwm_mb;
+    state.counters["rss_MiB"] = gR.full_rss_mb;
+    state.counters["hwm_MiB"] = gR.full_hwm_mb;
+    state.counters["anon_MiB"] = gR.full_anon_mb;
 }
 BENCHMARK(BM_MemoryFull)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 
@@ -819,12 +829,14 @@ void print_summary()
                gR.idle_cpu_pct / kIdleCpuLimitPct, verdict(gR.idle_cpu_pct <= kIdleCpuLimitPct),
                gR.idle_cpu_pct_ns);
     if (gR.idle_rss_mb >= 0)
-        printf("%-44s %11.1f MB\n", "(f) resident memory idle", gR.idle_rss_mb);
+        printf("%-44s %10.1f MiB  (anonymous %.1f MiB)\n", "(f) resident memory idle",
+               gR.idle_rss_mb, gR.idle_anon_mb);
     if (gR.full_rss_mb >= 0)
-        printf("%-44s %11.1f MB %11.1f MB %7.2f  %s (peak %.1f MB)\n",
+        printf("%-44s %10.1f MiB %10.1f MiB %7.2f  %s (peak %.1f MiB, anonymous %.1f MiB, "
+               "%.0f bytes an event)\n",
                "    all lists full (8 x 6000 x 495 chars)", gR.full_rss_mb, kFullRssLimitMb,
                gR.full_rss_mb / kFullRssLimitMb, verdict(gR.full_rss_mb <= kFullRssLimitMb),
-               gR.full_hwm_mb);
+               gR.full_hwm_mb, gR.full_anon_mb, gR.bytes_per_event);
 }
 
 int run_in_sandbox(int argc, char **argv)
