@@ -92,7 +92,7 @@ void usage(FILE *to)
                "  --keep N         reports kept for /api/reports (default 10000)\n"
                "  --keep-bytes N   body bytes kept at most (default 268435456)\n"
                "  --record FILE    also append every report to FILE as one JSON line\n"
-               "  -v               print one line per received report\n",
+               "  -v               print one line per received report (or $CLOUDSIM_VERBOSE=1)\n",
                to);
 }
 
@@ -118,6 +118,8 @@ bool parse_options(int argc, char **argv, Options &o)
 {
     if (const char *e = std::getenv("CLOUDSIM_LISTEN"); e && *e)
         o.listen = e;
+    if (const char *e = std::getenv("CLOUDSIM_VERBOSE"); e && *e && std::strcmp(e, "0") != 0)
+        o.verbose = true;
     unsigned long long n;
     if (const char *e = std::getenv("CLOUDSIM_PORT"); e && *e) {
         if (!parse_number(e, 1, 65535, n)) {

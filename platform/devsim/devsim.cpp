@@ -76,6 +76,16 @@ void say(const char *fmt, ...)
 
 const char *state_name(bool online) { return online ? "online" : "offline"; }
 
+// Arguments of a call; a call without any (older callers send no data at all) parses as empty.
+void parse_args(const blobmsg_policy *policy, int n, blob_attr **tb, blob_attr *msg)
+{
+    if (!msg) {
+        std::fill(tb, tb + n, nullptr);
+        return;
+    }
+    blobmsg_parse(policy, n, tb, blob_data(msg), blob_len(msg));
+}
+
 // ---- running callback commands -------------------------------------------------------------
 
 void child_ended(uloop_process *p, int status)
@@ -155,7 +165,7 @@ int register_cmd_callback(ubus_context *, ubus_object *, ubus_request_data *, co
                           blob_attr *msg)
 {
     blob_attr *tb[REG_COUNT];
-    blobmsg_parse(reg_policy, REG_COUNT, tb, blob_data(msg), blob_len(msg));
+    parse_args(reg_policy, REG_COUNT, tb, msg);
     if (!tb[REG_CMD] || !tb[REG_TYPE] || !*blobmsg_get_string(tb[REG_CMD]) ||
         !*blobmsg_get_string(tb[REG_TYPE])) {
         say("register_cmd_callback: register_notify_cmd and type are needed, as texts");
@@ -214,7 +224,7 @@ int check_report_message_status(ubus_context *, ubus_object *, ubus_request_data
                                 const char *, blob_attr *msg)
 {
     blob_attr *tb[CHECK_COUNT];
-    blobmsg_parse(check_policy, CHECK_COUNT, tb, blob_data(msg), blob_len(msg));
+    parse_args(check_policy, CHECK_COUNT, tb, msg);
     if (!tb[CHECK_CALLBACK]) {
         say("check_report_message_status: callback is needed, as a text");
         return UBUS_STATUS_INVALID_ARGUMENT;
@@ -248,7 +258,7 @@ int set_status(ubus_context *ctx, ubus_object *, ubus_request_data *req, const c
                blob_attr *msg)
 {
     blob_attr *tb[SET_COUNT];
-    blobmsg_parse(set_policy, SET_COUNT, tb, blob_data(msg), blob_len(msg));
+    parse_args(set_policy, SET_COUNT, tb, msg);
     bool online;
     if (tb[SET_STATUS]) {
         std::string s = blobmsg_get_string(tb[SET_STATUS]);
