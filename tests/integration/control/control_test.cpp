@@ -148,9 +148,11 @@ TEST(ControlObject, PublishesNineteenMethodsInOrderWithTheirStatuses)
     EXPECT_EQ(status_of("print_params_timer"), 0);
 
     SCOPED_TRACE("the supported-parameter list is a reply followed by -1");
+    EXPECT_EQ(status_of("get_statistics_parms_reg", "{\"cb\":\"printf rssi,noise,\"}"), 0);
     auto list = call("get_statistics_parms_list");
     EXPECT_EQ(list.status, 255);
-    EXPECT_NE(list.output.find("\"param_list\""), std::string::npos) << list.output;
+    EXPECT_NE(list.output.find("\"param_list\": \"rssi,noise,\""), std::string::npos)
+        << list.output;
 }
 
 TEST(ControlObject, BadArgumentsAnswerTheirStatusAndChangeNothing)
@@ -184,8 +186,9 @@ TEST(ControlObject, BadArgumentsAnswerTheirStatusAndChangeNothing)
         SCOPED_TRACE(std::string(c.method) + " " + c.json);
         auto r = call(c.method, c.json);
         EXPECT_EQ(r.status, c.status) << r.output;
-        if (c.status == 2)
+        if (c.status == 2) {
             EXPECT_NE(r.output.find("Command failed: Invalid argument"), std::string::npos);
+        }
     }
     EXPECT_EQ(state(), before);
     EXPECT_EQ(itest::read_file("/tmp/nms_stats_report_cfg/nms_report_stat_cb_cfg"), "");
@@ -313,7 +316,9 @@ TEST(ControlObject, StartDebugLevelsRedirectAndGateOutput)
                   {-3, false, false, true}, {5, false, false, false}};
     for (const Level &l : levels) {
         SCOPED_TRACE("level " + std::to_string(l.level));
+        // The output is opened, never created: on a device it is a console or a tty.
         const std::string file = "/tmp/debug." + std::to_string(l.level);
+        itest::write_file(file, "");
         ASSERT_EQ(status_of("start_debug", "{\"debug_dev\":\"" + file +
                                                "\",\"level\":" + std::to_string(l.level) + "}"),
                   0);
@@ -330,6 +335,7 @@ TEST(ControlObject, StartDebugLevelsRedirectAndGateOutput)
     call("begin_report", "{\"type\":\"none\"}");
     EXPECT_TRUE(itest::wait_until(
         [&] { return itest::console().find(banner) != std::string::npos; }, 2s));
+    itest::write_file("/tmp/debug.default", "");
     EXPECT_EQ(status_of("start_debug", "{\"debug_dev\":\"/tmp/debug.default\"}"), 0);
     provoke();
     EXPECT_EQ(itest::read_file("/tmp/debug.default").find(banner), std::string::npos);
@@ -423,6 +429,20 @@ TEST(ControlObject, StatisticsParameterRegisteredTimedAndReported)
     EXPECT_EQ(status_of("print_params_timer"), 0);
     EXPECT_TRUE(itest::wait_until(
         [] { return itest::console().find("type:probe\r\n") != std::string::npos; }, 2s));
+
+    SCOPED_TRACE("an update moves the parameter to another period and back");
+    EXPECT_EQ(status_of("statistics_parms_update",
+                        "{\"type\":\"probe\",\"new_time\":\"30\",\"old_time\":\"1\","
+                        "\"get_cb\":\"/tmp/probe_get\",\"success_cb\":\"touch /tmp/probe_done\"}"),
+              0);
+    EXPECT_EQ(status_of("print_params_timer"), 0);
+    EXPECT_TRUE(itest::wait_until(
+        [] { return itest::console().find("timeout=30\r\n") != std::string::npos; }, 2s));
+    // Without new_time the configured period applies.
+    EXPECT_EQ(status_of("statistics_parms_update",
+                        "{\"type\":\"probe\",\"old_time\":\"30\",\"get_cb\":\"/tmp/probe_get\","
+                        "\"success_cb\":\"touch /tmp/probe_done\"}"),
+              0);
 
     SCOPED_TRACE("nothing is reported before begin_report");
     std::this_thread::sleep_for(1500ms);
