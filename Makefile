@@ -1,6 +1,7 @@
 # One-command entry points; see README.md.
 #   make test   install what is missing, build, run the suite: plain, then
-#               AddressSanitizer+UBSan, then ThreadSanitizer (runtime library)
+#               AddressSanitizer+UBSan, a short fuzzing run of the debug shell's
+#               parser and request handler, then the ThreadSanitizer set
 #   make demo   install, build and run the daemon on a simulated device and cloud
 #   make build  plain build and its install tree (build/stage/usr)
 #   make bench  benchmarks (build-bench/), figures in bench/README.md
@@ -8,7 +9,9 @@ JOBS ?= $(shell nproc)
 CMAKE_GEN := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CTEST := ctest --output-on-failure -j$(JOBS)
 
-.PHONY: all deps build build-asan build-tsan test test-plain test-asan test-tsan demo bench clean
+FUZZ_SECONDS ?= 20
+
+.PHONY: all deps build build-asan build-tsan test test-plain test-asan test-tsan fuzz-short demo bench clean
 
 all: build
 
@@ -40,7 +43,10 @@ test-asan: build-asan
 test-tsan: build-tsan
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 $(CTEST) -L tsan
 
-test: test-plain test-asan test-tsan
+fuzz-short: deps
+	scripts/fuzz-short $(FUZZ_SECONDS)
+
+test: test-plain test-asan fuzz-short test-tsan
 
 demo: build
 	scripts/demo
@@ -52,4 +58,4 @@ bench: deps
 	scripts/bench build-bench
 
 clean:
-	rm -rf build build-asan build-tsan build-bench
+	rm -rf build build-asan build-tsan build-bench build-fuzz
