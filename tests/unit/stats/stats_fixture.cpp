@@ -3,6 +3,7 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -32,7 +33,9 @@ void init_once() {
 }  // namespace
 
 std::string scratch(const std::string &name) {
-    return std::string(NMS_TEST_TMPDIR) + (name.empty() ? "" : "/" + name);
+    // One folder per process: CTest runs the cases of this binary side by side.
+    static const std::string dir = std::string(NMS_TEST_TMPDIR) + "/" + std::to_string(getpid());
+    return dir + (name.empty() ? "" : "/" + name);
 }
 
 std::vector<std::string> read_lines(const std::string &path) {
@@ -95,6 +98,9 @@ void StatsTest::SetUp() {
 }
 
 void StatsTest::TearDown() {
+    // Background success commands may still write here; a later test starts afresh anyway.
+    std::string rm = "rm -rf '" + scratch() + "'";
+    EXPECT_EQ(system(rm.c_str()), 0);
     stop_all_statistics_params_timer();
     std::vector<std::string> timeouts;
     uac_hash_foreach(

@@ -11,7 +11,7 @@
 
 namespace statstest {
 
-// Scratch folder under the build tree, emptied before every test.
+// Scratch folder of this process under the build tree, made afresh for every test.
 std::string scratch(const std::string &name = "");
 // Lines of a file, without their newlines.
 std::vector<std::string> read_lines(const std::string &path);
