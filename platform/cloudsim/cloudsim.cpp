@@ -1,7 +1,7 @@
 // cloudsim.cpp - stand-in for the management service: records every report POSTed to it,
 // fails on order, and shows what it received on a web page.
 //
-//   POST <any path outside /api/>   recorded; answered 200 {"code":0} unless a fault order applies
+//   POST <any path outside /api/>   recorded; answered 200 {"errorCode":0} unless a fault order applies
 //   GET  /api/reports[?path=P][&since=SEQ][&limit=N]   kept records, oldest first
 //   DELETE /api/reports              forget records and counts
 //   GET  /api/stats                  counts per path, bytes
@@ -355,9 +355,9 @@ private:
         }
         r.status = a.status;
         if (a.status == 200)
-            r.set_content("{\"code\":0}", kJson);
+            r.set_content("{\"errorCode\":0}", kJson);
         else
-            r.set_content("{\"code\":" + std::to_string(a.status) +
+            r.set_content("{\"errorCode\":" + std::to_string(a.status) +
                               ",\"message\":\"fault order\"}",
                           kJson);
     }

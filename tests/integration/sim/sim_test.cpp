@@ -75,11 +75,11 @@ TEST(Cloudsim, RecordsEveryReportAndListsItBack)
         R"("eventList":[{"typeId":"5","time":"1700000000000","params":{"k":"v"}}]}]}})";
     const std::string param = R"({"projectId":"site","deviceMac":"m","deviceType":"AP","cpu":7})";
 
-    SCOPED_TRACE("reports are answered 200 {\"code\":0}");
+    SCOPED_TRACE("reports are answered 200 {\"errorCode\":0}");
     auto r = c.Post(kEventPath, event, "application/json");
     ASSERT_TRUE(r);
     EXPECT_EQ(r->status, 200);
-    EXPECT_EQ(r->body, "{\"code\":0}");
+    EXPECT_EQ(r->body, "{\"errorCode\":0}");
     EXPECT_EQ(post(c, kParamPath, param), 200);
     EXPECT_EQ(post(c, "/somewhere/else", "plain words", "text/plain"), 200);
 
