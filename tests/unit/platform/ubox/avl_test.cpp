@@ -235,7 +235,6 @@ TEST(Utils, CallocAPlacesAlignedZeroedPieces)
 	EXPECT_EQ(0, base->key);
 	EXPECT_EQ(0u, nums[2]);
 	free(base);
-	static_assert(ARRAY_SIZE("abc") == 4, "a constant expression");
 	EXPECT_EQ(0x0102u, be16_to_cpu(cpu_to_be16(0x0102)));
 	uint32_t be = cpu_to_be32(0x01020304);
 	EXPECT_EQ(1, reinterpret_cast<uint8_t *>(&be)[0]);
