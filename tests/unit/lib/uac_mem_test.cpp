@@ -94,80 +94,75 @@ TEST(UacMem, GuardedBlockIsFramedAndFreedSilently) {
     mem_guard_free(nullptr);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 
-    // A zero-size block has its tail right after the header.
+    // A zero-size block has its tail right after the header; long function names
+    // are cut to 127 characters.
     void *empty = MEM_GUARD_ALLOC(0);
     ASSERT_NE(empty, nullptr);
-    testing::internal::CaptureStdout();
-    mem_guard_free(empty);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-}
-
-TEST(UacMem, LongFunctionNamesAreCutTo127) {
     std::string name(200, 'f');
-    auto *data = static_cast<unsigned char *>(mem_guard_alloc(4, 1, name.c_str()));
+    data = static_cast<unsigned char *>(mem_guard_alloc(4, 1, name.c_str()));
     ASSERT_NE(data, nullptr);
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(data - 144 + 8)), name.substr(0, 127));
     EXPECT_EQ(word_at(data - 8), 0xAA55AA66u);
+    testing::internal::CaptureStdout();
+    mem_guard_free(empty);
     mem_guard_free(data);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
-TEST(UacMem, OverrunBlockIsReportedWithAFullDumpAndFreed) {
-    const uint32_t size = 16;
-    auto *data = static_cast<unsigned char *>(mem_guard_alloc(size, 7, "fill"));
-    ASSERT_NE(data, nullptr);
-    memset(data, 0xab, size + 1);  // one byte too many: into the first tail mark
-    const unsigned char *block = data - 144;
-    std::vector<unsigned char> before(block, block + size + 152);
-
+// The block around data as it is now (the free clears it), and what freeing it prints.
+std::string free_printed(unsigned char *data, uint32_t size, std::vector<unsigned char> *before) {
+    before->assign(data - 144, data + size + 8);
     testing::internal::CaptureStdout();
     mem_guard_free(data);
-    std::string out = testing::internal::GetCapturedStdout();
-    std::string want = "func:fill line:7 \r\n" + banner(data, size) +
-                       hex(before.data(), 0, before.size()) + "\n";
-    EXPECT_EQ(out, want);
+    return testing::internal::GetCapturedStdout();
 }
 
-TEST(UacMem, LargeDamagedBlockIsDumpedAsTwoRuns) {
-    SCOPED_TRACE("1897 bytes: the first 2048 block bytes, then positions 1 to 2048");
-    const uint32_t size = 1897;
-    auto *data = static_cast<unsigned char *>(mem_guard_alloc(size, 3, "big"));
-    ASSERT_NE(data, nullptr);
-    for (uint32_t i = 0; i < size; ++i)
-        data[i] = static_cast<unsigned char>(i);
-    data[-1] ^= 0xff;  // damage the second head mark
-    const unsigned char *block = data - 144;
-    std::vector<unsigned char> before(block, block + size + 152);
-
-    testing::internal::CaptureStdout();
-    mem_guard_free(data);
-    std::string out = testing::internal::GetCapturedStdout();
-    std::string want = "func:big line:3 \r\n" + banner(data, size) + hex(before.data(), 0, 2048) +
-                       hex(before.data(), size - 1896, size + 152) + "\n";
-    EXPECT_EQ(out, want);
-
-    SCOPED_TRACE("1896 bytes: still one run of size + 152");
-    data = static_cast<unsigned char *>(mem_guard_alloc(1896, 4, "edge"));
-    ASSERT_NE(data, nullptr);
-    memset(data, 0, 1896);
-    data[1896 + 7] = 0;  // last byte of the second tail mark
-    testing::internal::CaptureStdout();
-    mem_guard_free(data);
-    out = testing::internal::GetCapturedStdout();
-    size_t bytes = (out.size() - out.find("\033[0m") - 4 - 1) / 3;
-    EXPECT_EQ(bytes, 1896u + 152u);
+unsigned char *alloc(uint32_t size, int32_t line, const char *func) {
+    return static_cast<unsigned char *>(mem_guard_alloc(size, line, func));
 }
 
-TEST(UacMem, DamagedHeaderSizeNeverReadsPastTheBlock) {
-    // The whole header overwritten, its size and head marks among it.
-    auto *data = static_cast<unsigned char *>(mem_guard_alloc(8, 9, "hdr"));
-    ASSERT_NE(data, nullptr);
-    const uint32_t bogus = 100000;
-    memcpy(data - 144, &bogus, sizeof bogus);
-    memset(data - 8, 0x11, 8);
-    testing::internal::CaptureStdout();
-    mem_guard_free(data);
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out.rfind("func:hdr line:9 \r\n" + banner(data, 100000), 0), 0u) << out;
+TEST(UacMem, DamagedBlockIsReportedWithItsDumpAndFreed) {
+    std::vector<unsigned char> before;
+    {
+        SCOPED_TRACE("one byte too many, into the first tail mark: one run of size + 152");
+        unsigned char *data = alloc(16, 7, "fill");
+        ASSERT_NE(data, nullptr);
+        memset(data, 0xab, 16 + 1);
+        std::string out = free_printed(data, 16, &before);
+        EXPECT_EQ(out, "func:fill line:7 \r\n" + banner(data, 16) +
+                           hex(before.data(), 0, before.size()) + "\n");
+    }
+    {
+        SCOPED_TRACE("1897 bytes: the first 2048 block bytes, then positions 1 to 2048");
+        const uint32_t size = 1897;
+        unsigned char *data = alloc(size, 3, "big");
+        ASSERT_NE(data, nullptr);
+        for (uint32_t i = 0; i < size; ++i)
+            data[i] = static_cast<unsigned char>(i);
+        data[-1] ^= 0xff;  // damage the second head mark
+        std::string out = free_printed(data, size, &before);
+        EXPECT_EQ(out, "func:big line:3 \r\n" + banner(data, size) + hex(before.data(), 0, 2048) +
+                           hex(before.data(), size - 1896, size + 152) + "\n");
+    }
+    {
+        SCOPED_TRACE("1896 bytes: still one run of size + 152");
+        unsigned char *data = alloc(1896, 4, "edge");
+        ASSERT_NE(data, nullptr);
+        memset(data, 0, 1896);
+        data[1896 + 7] = 0;  // last byte of the second tail mark
+        std::string out = free_printed(data, 1896, &before);
+        EXPECT_EQ((out.size() - out.find("\033[0m") - 4 - 1) / 3, 1896u + 152u);
+    }
+    {
+        SCOPED_TRACE("the whole header overwritten: a bogus size never reads past the block");
+        unsigned char *data = alloc(8, 9, "hdr");
+        ASSERT_NE(data, nullptr);
+        const uint32_t bogus = 100000;
+        memcpy(data - 144, &bogus, sizeof bogus);
+        memset(data - 8, 0x11, 8);
+        std::string out = free_printed(data, 8, &before);
+        EXPECT_EQ(out.rfind("func:hdr line:9 \r\n" + banner(data, 100000), 0), 0u) << out;
+    }
 }
 
 TEST(UacMem, StatsPrintListsTheAllocatorFieldsInOrder) {

@@ -183,34 +183,32 @@ TEST(UacThread, PrintShowsTheRecord) {
 }
 
 TEST(UacThread, DeadlinesCarryNanosecondsIntoSeconds) {
+    const struct {
+        const char *what;
+        struct timeval now;
+        bool in_ms;
+        int32_t amount;
+        time_t sec;
+        long nsec;
+    } cases[] = {
+        {"x.6 s + 1500 ms = (x + 2) s + 0.1 s", {1000, 600000}, true, 1500, 1002, 100000000},
+        {"exactly one second of nanoseconds carries", {1000, 999999}, false, 1, 1001, 0},
+        {"no carry below a second", {1000, 0}, true, 2999, 1002, 999000000},
+        {"whole seconds of the amount added", {1000, 0}, false, 3500001, 1003, 500001000},
+        {"amounts above 2^31 - 1 arrive negative: the deadline lies behind", {1000, 0}, true,
+         static_cast<int32_t>(0xFFFFFFFEu), 999, 998000000},
+    };
     struct timespec ts;
-    struct timeval now {1000, 600000};
-    SCOPED_TRACE("x.6 s + 1500 ms = (x + 2) s + 0.1 s");
-    ASSERT_EQ(uac_abstime_from_ms(&ts, &now, 1500), 0);
-    EXPECT_EQ(ts.tv_sec, 1002);
-    EXPECT_EQ(ts.tv_nsec, 100000000);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        ASSERT_EQ(c.in_ms ? uac_abstime_from_ms(&ts, &c.now, c.amount)
+                          : uac_abstime_from_us(&ts, &c.now, c.amount),
+                  0);
+        EXPECT_EQ(ts.tv_sec, c.sec);
+        EXPECT_EQ(ts.tv_nsec, c.nsec);
+    }
 
-    SCOPED_TRACE("exactly one second of nanoseconds carries");
-    now = {1000, 999999};
-    ASSERT_EQ(uac_abstime_from_us(&ts, &now, 1), 0);
-    EXPECT_EQ(ts.tv_sec, 1001);
-    EXPECT_EQ(ts.tv_nsec, 0);
-
-    SCOPED_TRACE("no carry below a second; whole seconds of the amount added");
-    now = {1000, 0};
-    ASSERT_EQ(uac_abstime_from_ms(&ts, &now, 2999), 0);
-    EXPECT_EQ(ts.tv_sec, 1002);
-    EXPECT_EQ(ts.tv_nsec, 999000000);
-    ASSERT_EQ(uac_abstime_from_us(&ts, &now, 3500001), 0);
-    EXPECT_EQ(ts.tv_sec, 1003);
-    EXPECT_EQ(ts.tv_nsec, 500001000);
-
-    SCOPED_TRACE("amounts above 2^31 - 1 arrive negative: the deadline lies behind");
-    now = {1000, 0};
-    ASSERT_EQ(uac_abstime_from_ms(&ts, &now, static_cast<int32_t>(0xFFFFFFFEu)), 0);
-    EXPECT_EQ(ts.tv_sec, 999);
-    EXPECT_EQ(ts.tv_nsec, 998000000);
-
+    struct timeval now {1000, 0};
     EXPECT_EQ(uac_abstime_from_ms(nullptr, &now, 1), -1);
     EXPECT_EQ(uac_abstime_from_ms(&ts, nullptr, 1), -1);
     EXPECT_EQ(uac_abstime_after_ms(nullptr, 1), -1);

@@ -81,10 +81,8 @@ TEST(UacTimer, RoundsDownToTicksAndRunsAtTheNthTick) {
         uint64_t tick;
     };
     const Case cases[] = {
-        {0, 0, 1},       {0, 100000, 1}, {0, 499999, 1},  // 0 ticks: the next tick
-        {0, 500000, 1},                                   // 1 tick
-        {1, 0, 2},                                        // 2 ticks: the second tick
-        {1, 499999, 2},  {1, 500000, 3}, {0, 2999999, 5}, {7, 0, 14},
+        {0, 0, 1}, {0, 499999, 1},  // 0 ticks: the next tick
+        {0, 500000, 1}, {1, 0, 2}, {1, 499999, 2}, {1, 500000, 3}, {0, 2999999, 5}, {7, 0, 14},
     };
     std::vector<Probe> probes(std::size(cases));
     for (size_t i = 0; i < std::size(cases); ++i)
@@ -182,15 +180,6 @@ TEST(UacTimer, RemoveBeforeDuringAndAfterTheCallbackReleasesOnce) {
         EXPECT_EQ(s.runs, 1);
         EXPECT_EQ(s.releases_seen_in_callback, 0);  // release waits for the callback
         EXPECT_EQ(s.releases, 1);                   // and the timer does not re-arm
-    }
-    {
-        SCOPED_TRACE("after: a finished one-shot is gone");
-        Probe p;
-        uint32_t id = b.add(0, 0, p);
-        b.step();
-        EXPECT_EQ(p.releases, 1);
-        EXPECT_EQ(engine::remove(b.w.get(), id), -1);
-        EXPECT_EQ(p.releases, 1);
     }
 }
 
@@ -308,10 +297,6 @@ TEST(UacTimer, StoreGrowsByHalfWithIdLengthTwo) {
     // 3 pre-allocated; then + 1 (half of 3), + 2 (half of 4), + 3 (half of 6), ...
     EXPECT_EQ(caps, (std::vector<uint32_t>{3, 3, 3, 4, 6, 6, 9, 9, 9, 13}));
     EXPECT_EQ(ids.size(), probes.size());
-    std::set<uint32_t> slots;
-    for (uint32_t id : ids)
-        slots.insert(id & UAC_TIMER_SLOT_MASK);
-    EXPECT_EQ(slots, (std::set<uint32_t>{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
     b.steps(2);
     for (auto &p : probes) {
         EXPECT_EQ(p.runs, std::vector<uint64_t>{2});
@@ -358,43 +343,6 @@ TEST(UacTimer, StaleIdsNeverReachTheTimerThatReusesTheSlot) {
     }
 }
 
-struct Far {
-    const char *what;
-    uint64_t days;
-    int level;
-};
-
-TEST(UacTimer, FarTimersSitHighAndCascadeDownToTheirTick) {
-    Bench b;
-    const Far fars[] = {{"300 days", 300, 4}, {"400 days", 400, 5}};
-    Probe probes[2];
-    uint32_t ids[2];
-    for (int i = 0; i < 2; ++i) {
-        ids[i] = b.add(static_cast<uint32_t>(fars[i].days * 86400), 0, probes[i]);
-        uint32_t slot = 0;
-        EXPECT_EQ(engine::level_of(b.w.get(), ids[i], &slot), fars[i].level) << fars[i].what;
-    }
-    const uint64_t due[2] = {300ull * 86400 * 2, 400ull * 86400 * 2};
-    auto run_until = [&](uint64_t t) {
-        while (b.ticks < t) {
-            b.ticks += engine::advance(b.w.get(), t - b.ticks);
-            engine::run_pending(b.w.get());
-        }
-    };
-    run_until(due[0] - 1000);
-    uint32_t slot = 0;
-    EXPECT_EQ(engine::level_of(b.w.get(), ids[0], &slot), 2) << "cascaded down to level 2";
-    EXPECT_EQ(engine::level_of(b.w.get(), ids[1], &slot), 5) << "level 5 turns every 2^26 ticks";
-    run_until((1ull << 26) + 1);
-    EXPECT_EQ(engine::level_of(b.w.get(), ids[1], &slot), 4) << "cascaded down to level 4";
-    run_until(due[1] + 10);
-    EXPECT_EQ(engine::jiffies(b.w.get()), b.ticks);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(probes[i].runs, std::vector<uint64_t>{due[i]}) << fars[i].what;
-        EXPECT_EQ(probes[i].releases, 1);
-    }
-}
-
 // About a thousand timers at deltas from 0 to 7x10^7 ticks, added at two unaligned
 // moments, each must run exactly once at its own tick: catches every off-by-one in
 // placement and cascade.
@@ -434,6 +382,7 @@ TEST(UacTimer, ManyTimersAtSpreadDeltasEachRunOnceAtItsTick) {
             second = true;
         }
     }
+    EXPECT_EQ(engine::jiffies(b.w.get()), b.ticks);
     for (size_t i = 0; i < probes.size(); ++i) {
         ASSERT_EQ(probes[i].runs, std::vector<uint64_t>{want[i]})
             << "timer " << i << " of delta " << deltas[i % deltas.size()];
