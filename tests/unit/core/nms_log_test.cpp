@@ -104,20 +104,16 @@ TEST_F(LogTest, PrintsPrefixMessageAndNewlineOnlyWhileSwitchedOn)
 
 TEST_F(LogTest, LevelsSetExactlyOneSwitchEvenWhenThePathFails)
 {
-    const char *bad = "/nonexistent-nms-dir/console";
-    set(1, 1, 1);
-    set_debug_output(bad, -7);
-    EXPECT_TRUE(is(1, 0, 0));
-    set_debug_output(bad, 0);
-    EXPECT_TRUE(is(1, 0, 0));
-    set_debug_output(bad, 1);
-    EXPECT_TRUE(is(0, 1, 0));
-    set_debug_output(bad, 2);
-    EXPECT_TRUE(is(0, 0, 1));
-    set_debug_output(bad, 3);
-    EXPECT_TRUE(is(0, 0, 0));
-    set_debug_output(bad, 100);
-    EXPECT_TRUE(is(0, 0, 0));
+    // Each level turns on its one switch (none from 3 up, errors below 1).
+    const struct {
+        int level, error, trace, debug;
+    } levels[] = {{-7, 1, 0, 0}, {0, 1, 0, 0}, {1, 0, 1, 0},
+                  {2, 0, 0, 1},  {3, 0, 0, 0}, {100, 0, 0, 0}};
+    for (const auto &l : levels) {
+        set(1, 1, 1);
+        set_debug_output("/nonexistent-nms-dir/console", l.level);
+        EXPECT_TRUE(is(l.error, l.trace, l.debug)) << "level " << l.level;
+    }
 
     set(0, 1, 1);
     set_debug_output(nullptr, 0);

@@ -156,9 +156,6 @@ TEST_F(UciAccess, EmptyPackageLoadsWithoutSections)
     EXPECT_NE(initConfigPackage(ctx, "event_report"), nullptr);
     EXPECT_EQ(getUciSection(ctx, "event_report", "event_queue_0"), nullptr);
     EXPECT_EQ(freeUciContext(ctx), 0);
-
-    char buf[8];
-    EXPECT_EQ(read("event_report", "event_queue_0", "buffer_time", buf, sizeof buf), -1);
 }
 
 TEST_F(UciAccess, CutsLongValuesToTheBuffer)
