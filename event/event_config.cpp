@@ -4,11 +4,19 @@
 #include "nms_log.h"
 #include "uci_access.h"
 
+#include <array>
 #include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -53,11 +61,219 @@ int to_int(const char *text)
     return static_cast<int>(v);
 }
 
+// ---- Per-type settings cache -------------------------------------------------
+//
+// The dispatch workers ask for a type's settings once per event; loading and
+// parsing event_params for each of them cost most of a worker's time. The
+// answers must still follow the files on disk at the moment of every query
+// (another process may rewrite the package, or a `uci set` may leave an
+// uncommitted delta). So the parsed package is kept together with the identity
+// of every file a load reads: the package file and its delta file in each
+// directory of the delta search path (the default save directory and
+// "/etc/nms_report.uci"). Every query stats those files once; when any identity
+// differs from the one the cached values were loaded under, the package is
+// loaded again.
+//
+// Identity is existence, device, inode, size, and modification and change
+// times with nanoseconds. A rewrite in place that keeps the size and lands in
+// the same timestamp tick as the previous write (the kernel's file clock is
+// coarse, a few ms) is not noticed until the next change; that is accepted.
+// libuci's own writes never do that: a commit renames a new file over the
+// package (new inode) and a save appends to the delta file (new size).
+
+constexpr size_t kMaxWatchedFiles = 4;  // package + delta files; the path holds two
+
+struct FileId {
+    bool exists = false;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t size = 0;
+    timespec mtim{};
+    timespec ctim{};
+
+    bool operator==(const FileId &o) const
+    {
+        return exists == o.exists && dev == o.dev && ino == o.ino && size == o.size &&
+               mtim.tv_sec == o.mtim.tv_sec && mtim.tv_nsec == o.mtim.tv_nsec &&
+               ctim.tv_sec == o.ctim.tv_sec && ctim.tv_nsec == o.ctim.tv_nsec;
+    }
+};
+
+// Identities of all watched files at one moment.
+struct FilesKey {
+    std::array<FileId, kMaxWatchedFiles> ids{};
+    size_t count = 0;
+
+    bool operator==(const FilesKey &o) const
+    {
+        if (count != o.count)
+            return false;
+        for (size_t i = 0; i < count; i++)
+            if (!(ids[i] == o.ids[i]))
+                return false;
+        return true;
+    }
+};
+
+struct UciFree {
+    void operator()(uci_context *c) const noexcept { uci_free_context(c); }
+};
+using UciPtr = std::unique_ptr<uci_context, UciFree>;
+
+// The files a load of event_params reads, in the order libuci reads them.
+// Empty when they cannot be found out (no memory for a context); the cache is
+// then bypassed. Fixed for the life of the process.
+std::vector<std::string> find_watched_files()
+{
+    std::vector<std::string> files;
+    UciPtr ctx(uci_alloc_context());
+    if (!ctx || init_specifyUciPath(ctx.get(), kTypePackage, kConfDir) != 0)
+        return files;
+    files.push_back(std::string(kConfDir) + "/" + kTypePackage);
+    uci_element *e;
+    uci_foreach_element(&ctx->delta_path, e) {
+        if (files.size() == kMaxWatchedFiles)
+            return {};  // more than we can key on: never cache
+        files.push_back(std::string(e->name) + "/" + kTypePackage);
+    }
+    return files;
+}
+
+const std::vector<std::string> &watched_files()
+{
+    static const std::vector<std::string> files = find_watched_files();
+    return files;
+}
+
+FileId file_id(const std::string &path)
+{
+    FileId id;
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        return id;  // missing or unreachable: a load would not read it either
+    id.exists = true;
+    id.dev = st.st_dev;
+    id.ino = st.st_ino;
+    id.size = st.st_size;
+    id.mtim = st.st_mtim;
+    id.ctim = st.st_ctim;
+    return id;
+}
+
+// The string options of the package, keyed by "<section>\0<option>". A list
+// option is left out, as is everything of a package that fails to load, so
+// that a lookup fails exactly where a direct read fails.
+using TypeValues = std::unordered_map<std::string, std::string>;
+
+std::string value_key(const char *section, const char *option)
+{
+    std::string key(section);
+    key.push_back('\0');
+    key += option;
+    return key;
+}
+
+// One silent load of the package into values. False when no context could be
+// made (the caller then reads directly); a package that cannot be loaded gives
+// true and no values.
+bool load_type_values(TypeValues &values)
+{
+    UciPtr ctx(uci_alloc_context());
+    if (!ctx || init_specifyUciPath(ctx.get(), kTypePackage, kConfDir) != 0)
+        return false;
+    uci_package *pkg = nullptr;
+    if (uci_load(ctx.get(), kTypePackage, &pkg) != UCI_OK || !pkg)
+        return true;
+    uci_element *se;
+    uci_foreach_element(&pkg->sections, se) {
+        uci_section *s = uci_to_section(se);
+        uci_element *oe;
+        uci_foreach_element(&s->options, oe) {
+            uci_option *o = uci_to_option(oe);
+            if (o->type != UCI_TYPE_STRING)
+                continue;
+            // The first section and option of a name win, as in a lookup by name.
+            values.emplace(value_key(s->e.name, o->e.name), o->v.string);
+        }
+    }
+    return true;
+}
+
+// Cached values and the identities they were loaded under. Workers, the bus
+// thread and the report threads query concurrently; the lock is held only to
+// compare the key and copy one value, or to swap in a fresh load (which is made
+// outside it).
+struct TypeCache {
+    std::mutex mu;
+    bool loaded = false;
+    FilesKey key;
+    TypeValues values;
+};
+TypeCache g_type_cache;
+
+enum class CacheRead { found, missing, unavailable };
+
+// Copies value into dst cut to dst_size - 1 characters, as a direct read does.
+void copy_cut(char *dst, size_t dst_size, const std::string &value)
+{
+    size_t n = value.size() < dst_size - 1 ? value.size() : dst_size - 1;
+    memcpy(dst, value.data(), n);
+    dst[n] = '\0';
+}
+
+CacheRead lookup(const TypeValues &values, const char *section, const char *option, char *dst,
+                 size_t dst_size)
+{
+    auto it = values.find(value_key(section, option));
+    if (it == values.end())
+        return CacheRead::missing;
+    copy_cut(dst, dst_size, it->second);
+    return CacheRead::found;
+}
+
+CacheRead cached_type_option(const char *section, const char *option, char *dst,
+                             size_t dst_size)
+{
+    const std::vector<std::string> &files = watched_files();
+    if (files.empty())
+        return CacheRead::unavailable;
+    // Taken before any load, so values loaded later are never older than it:
+    // a change after this point shows as a different key at the next query.
+    FilesKey now;
+    for (const std::string &f : files)
+        now.ids[now.count++] = file_id(f);
+    {
+        std::lock_guard<std::mutex> hold(g_type_cache.mu);
+        if (g_type_cache.loaded && g_type_cache.key == now)
+            return lookup(g_type_cache.values, section, option, dst, dst_size);
+    }
+    TypeValues fresh;
+    if (!load_type_values(fresh))
+        return CacheRead::unavailable;
+    CacheRead r = lookup(fresh, section, option, dst, dst_size);
+    {
+        std::lock_guard<std::mutex> hold(g_type_cache.mu);
+        g_type_cache.values.swap(fresh);
+        g_type_cache.key = now;
+        g_type_cache.loaded = true;
+    }
+    return r;  // the replaced values are freed here, outside the lock
+}
+
 // Reads option of the type's section of event_params; false on failure.
 bool read_type_option(int id, const char *option, char *dst, size_t dst_size)
 {
     char section[16];
     snprintf(section, sizeof section, "%d", id);
+    CacheRead r = cached_type_option(section, option, dst, dst_size);
+    if (r == CacheRead::found)
+        return true;
+    // A failing read prints its messages (load, section, option) from the UCI
+    // helpers on every query. When anyone may be watching, or the cache is out
+    // of service, the read is made directly, which prints exactly those.
+    if (r == CacheRead::missing && log_error_on.load(std::memory_order_relaxed) == 0 &&
+        log_debug_on.load(std::memory_order_relaxed) == 0)
+        return false;
     return getUciOptionSpecifyPath(kTypePackage, section, option, dst, kConfDir, dst_size) == 0;
 }
 

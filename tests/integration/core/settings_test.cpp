@@ -7,7 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdio>
 #include <string>
+#include <thread>
+#include <vector>
 #include <unistd.h>
 
 using itest::write_file;
@@ -156,6 +160,156 @@ TEST(EventTypes, TestFileEnablesOnlyUnconfiguredTypes)
     EXPECT_EQ(get_event_enable(13), 0);
     unlink("/tmp/tmp_nms_event_test_ignore_enable");
     EXPECT_EQ(get_event_enable(13), -1);
+}
+
+// The per-type settings are kept in memory between queries; every query must
+// still answer from what is on disk at that moment.
+namespace {
+
+const char *const kParams = "/etc/nms_report/event_params";
+
+std::string type_section(int id, const char *enable, int level)
+{
+    return "config event '" + std::to_string(id) + "'\n\toption enable '" + enable +
+           "'\n\toption level '" + std::to_string(level) + "'\n";
+}
+
+// Replaces the package the way editors and libuci's commit do: a new file
+// renamed over the old one.
+void replace_params(const std::string &text)
+{
+    std::string tmp = std::string(kParams) + ".new";
+    write_file(tmp, text);
+    ASSERT_EQ(rename(tmp.c_str(), kParams), 0);
+}
+
+}  // namespace
+
+TEST(EventTypes, QueriesFollowTheFilesOnDisk)
+{
+    write_file(kParams, type_section(5, "on", 3));
+    EXPECT_EQ(get_event_enable(5), 0);
+    EXPECT_EQ(get_event_level(5), 3);
+
+    SCOPED_TRACE("rewritten in place");
+    write_file(kParams, type_section(5, "off", 3));
+    EXPECT_EQ(get_event_enable(5), -1);
+
+    SCOPED_TRACE("replaced by rename, same size");
+    replace_params(type_section(5, "off", 4));
+    EXPECT_EQ(get_event_level(5), 4);
+    replace_params(type_section(5, "on", 4) + type_section(6, "on", 7));
+    EXPECT_EQ(get_event_enable(5), 0);
+    EXPECT_EQ(get_event_level(6), 7);
+
+    SCOPED_TRACE("an uncommitted change in the default save directory");
+    auto r = itest::run("uci -c /etc/nms_report set event_params.5.level=2");
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_EQ(get_event_level(5), 2);
+    EXPECT_EQ(itest::read_file(kParams).find("'2'"), std::string::npos);  // not committed
+
+    SCOPED_TRACE("an uncommitted change in /etc/nms_report.uci");
+    r = itest::run("uci -c /etc/nms_report -P /etc/nms_report.uci set event_params.5.level=6");
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_EQ(get_event_level(5), 6);  // the save directory is replayed last
+    r = itest::run("uci -c /etc/nms_report -P /etc/nms_report.uci set event_params.6.enable=off");
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_EQ(get_event_enable(6), -1);
+
+    SCOPED_TRACE("the deltas dropped again");
+    ASSERT_EQ(unlink("/etc/nms_report.uci/event_params"), 0);
+    EXPECT_EQ(get_event_level(5), 2);
+    EXPECT_EQ(get_event_enable(6), 0);
+    ASSERT_EQ(unlink("/tmp/.uci/event_params"), 0);
+    EXPECT_EQ(get_event_level(5), 4);
+
+    SCOPED_TRACE("a list where an option is expected");
+    write_file(kParams, "config event '5'\n\tlist level '1'\n\toption enable 'on'\n");
+    EXPECT_EQ(get_event_level(5), -1);
+    EXPECT_EQ(get_event_enable(5), 0);
+
+    SCOPED_TRACE("deleted: defaults again");
+    ASSERT_EQ(unlink(kParams), 0);
+    EXPECT_EQ(get_event_enable(5), -1);
+    EXPECT_EQ(get_event_level(5), -1);
+    EXPECT_EQ(get_event_list_id(5), 5);
+    write_file(kParams, type_section(5, "on", 1));
+    EXPECT_EQ(get_event_level(5), 1);
+}
+
+TEST(EventTypes, FailedReadsSayWhyOnEveryQuery)
+{
+    write_file(kParams, type_section(5, "on", 3));
+    ASSERT_EQ(get_event_level(5), 3);  // loaded once before the switches go on
+
+    SCOPED_TRACE("missing section and option, debug switch");
+    log_debug_on.store(1);
+    testing::internal::CaptureStdout();
+    for (int i = 0; i < 2; i++) {
+        EXPECT_EQ(get_event_level(13), -1);
+        EXPECT_EQ(get_event_enable(13), -1);
+    }
+    EXPECT_EQ(get_event_report_now_attr(5), -1);
+    std::string out = testing::internal::GetCapturedStdout();
+    log_debug_on.store(0);
+    auto count = [&out](const std::string &what) {
+        size_t n = 0;
+        for (size_t at = out.find(what); at != std::string::npos; at = out.find(what, at + 1))
+            n++;
+        return n;
+    };
+    EXPECT_EQ(count("Function is:getUciOptionSpecifyPath, Line is:"), 5u) << out;
+    EXPECT_EQ(count(".find section(13) failed\n"), 4u) << out;
+    EXPECT_EQ(count(".parse uci config file report_now failed\n"), 1u) << out;
+    EXPECT_EQ(count("Function is:get_event_level, Line is:"), 2u) << out;
+    EXPECT_EQ(count(".event level get failed.\n"), 4u) << out;
+
+    SCOPED_TRACE("no package, error switch");
+    ASSERT_EQ(unlink(kParams), 0);
+    log_error_on.store(1);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(get_event_report_now_attr(5), -1);
+    EXPECT_EQ(get_event_report_now_attr(5), -1);
+    EXPECT_EQ(get_event_enable(5), -1);  // its own message is a debug one
+    out = testing::internal::GetCapturedStdout();
+    log_error_on.store(0);
+    EXPECT_EQ(count("Function is:initConfigPackage, Line is:"), 3u) << out;
+    EXPECT_EQ(count(".uci_load package[event_params] failed\n\n"), 3u) << out;
+    EXPECT_EQ(count(".uciPkg is NULL!\n"), 3u) << out;
+    EXPECT_EQ(count(".is report right now info get failed.\n"), 2u) << out;
+    EXPECT_EQ(count("event level get failed."), 0u) << out;
+
+    SCOPED_TRACE("switches off: silent, same answers");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(get_event_report_now_attr(5), -1);
+    EXPECT_EQ(get_event_level(13), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST(EventTypes, ConcurrentQueriesWhileThePackageIsReplaced)
+{
+    write_file(kParams, type_section(1, "on", 0));
+    std::atomic<bool> stop{false};
+    std::atomic<int> bad{0};
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 4; t++) {
+        readers.emplace_back([&] {
+            while (!stop.load()) {
+                int level = get_event_level(1);
+                if (level < 0 || level > 7)
+                    bad.fetch_add(1);
+                get_event_enable(1);
+            }
+        });
+    }
+    for (int round = 1; round <= 60; round++)
+        replace_params(type_section(1, round % 2 ? "off" : "on", round % 8));
+    stop.store(true);
+    for (std::thread &t : readers)
+        t.join();
+    EXPECT_EQ(bad.load(), 0);
+    EXPECT_EQ(get_event_level(1), 60 % 8);
+    EXPECT_EQ(get_event_enable(1), 0);
 }
 
 TEST(StatisticsSettings, ParamBufferTime)
