@@ -3,7 +3,10 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "nms_log.h"
 
 #include "cloud_report.h"
 
@@ -90,6 +93,53 @@ TEST(JsonUtil, ParsesAnyCompleteValueAndRefusesTheRest) {
         json_object_put(o);
     }
     EXPECT_EQ(jsonParseStr(nullptr), nullptr);
+}
+
+TEST(JsonUtil, EachTextIsParsedOnItsOwn) {
+    SCOPED_TRACE("what a broken or incomplete text left behind does not reach the next one");
+    const char *seq[][2] = {{"{\"a\":[1,{\"b\":", "{\"c\":2}"},
+                            {"[1,2", "3"},
+                            {"{\"a\":tru", "\"s\""},
+                            {"{]", "{}"}};
+    for (auto &pair : seq) {
+        SCOPED_TRACE(pair[0]);
+        EXPECT_EQ(jsonParseStr(pair[0]), nullptr);
+        json_object *o = jsonParseStr(pair[1]);
+        ASSERT_NE(o, nullptr);
+        EXPECT_STREQ(json_object_to_json_string_ext(o, JSON_C_TO_STRING_PLAIN), pair[1]);
+        json_object_put(o);
+    }
+
+    SCOPED_TRACE("every failure says so");
+    log_error_on.store(1);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(jsonParseStr("{\"a\":"), nullptr);
+    EXPECT_EQ(jsonParseStr("{\"a\":"), nullptr);
+    std::string out = testing::internal::GetCapturedStdout();
+    log_error_on.store(0);
+    size_t first = out.find(".Parse buf failed,{\"a\":.\n\n");
+    ASSERT_NE(first, std::string::npos) << out;
+    EXPECT_NE(out.find(".Parse buf failed,{\"a\":.\n\n", first + 1), std::string::npos) << out;
+
+    SCOPED_TRACE("several threads at once");
+    std::vector<std::thread> threads;
+    std::vector<int> wrong(4, 0);
+    for (int t = 0; t < 4; t++) {
+        threads.emplace_back([t, &wrong] {
+            for (int i = 0; i < 200; i++) {
+                std::string text = "{\"t\":" + std::to_string(t) + ",\"i\":" + std::to_string(i);
+                if (jsonParseStr(text.c_str()) != nullptr)
+                    wrong[t]++;
+                json_object *o = jsonParseStr((text + "}").c_str());
+                if (!o || std::string(getValueFromJsonObj(o, "i")) != std::to_string(i))
+                    wrong[t]++;
+                json_object_put(o);
+            }
+        });
+    }
+    for (std::thread &th : threads)
+        th.join();
+    EXPECT_EQ(wrong, std::vector<int>(4, 0));
 }
 
 TEST(JsonUtil, MemberValuesAsText) {
