@@ -3,6 +3,7 @@
 
 #include "cloud_report.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -301,16 +302,24 @@ extern "C" int format_event_report_event(char *text, int32_t id, uint64_t time, 
     *added = 0;
     // Compared as unsigned, as the space counter always was; it never goes below 0.
     if (static_cast<uint64_t>(static_cast<int64_t>(r)) >= std::strlen(params) + kEventOverhead) {
+        // The text's length is taken from the text itself, as callers may hand in any text.
+        // (The remaining count does not always mirror it: it is cut to 0 at the end.)
         size_t len = std::strlen(text);
         unsigned long long t = static_cast<unsigned long long>(time);
-        if (first == 0) {
+        size_t start = first == 0 ? len + 1 : len;
+        size_t limit = static_cast<size_t>(first == 0 ? r - 1 : r);
+        if (first == 0)
             text[len] = ',';
-            std::snprintf(text + len + 1, static_cast<size_t>(r - 1), kEventFmt, id, t, params);
-        } else {
-            std::snprintf(text + len, static_cast<size_t>(r), kEventFmt, id, t, params);
-        }
+        int n = std::snprintf(text + start, limit, kEventFmt, id, t, params);
+        // The new end follows from what snprintf wrote (it stops at params' terminator and
+        // writes no NUL inside), so the text is not measured a second time.
+        size_t new_len;
+        if (n < 0)
+            new_len = std::strlen(text);
+        else
+            new_len = start + std::min(static_cast<size_t>(n), limit - 1);
         int64_t left = static_cast<int64_t>(r) + static_cast<int64_t>(len) -
-                       static_cast<int64_t>(std::strlen(text));
+                       static_cast<int64_t>(new_len);
         *remaining = left < 0 ? 0 : static_cast<int32_t>(left);
         *added = 1;
         return 0;

@@ -95,6 +95,30 @@ TEST(JsonUtil, ParsesAnyCompleteValueAndRefusesTheRest) {
     EXPECT_EQ(jsonParseStr(nullptr), nullptr);
 }
 
+TEST(CloudFormat, AFullBatchKeepsTextAndCountInStep) {
+    // Events are appended until the space ends the batch; the count must follow the text's
+    // real length all the way, and the text must hold every event in order.
+    const std::string start = "H,\"eventList\":[";
+    auto buf = report_buffer(start);
+    int32_t remaining = 260850 - static_cast<int32_t>(start.size());
+    std::string expect = start;
+    const std::string params = "{\"p\":\"" + std::string(300, 'x') + "\"}";
+    int32_t added = 1;
+    for (int i = 0; added == 1; i++) {
+        ASSERT_EQ(format_event_report_event(buf.data(), i, 1000 + i, params.c_str(), i == 0,
+                                            &remaining, &added),
+                  0);
+        if (added) {
+            expect += (i ? "," : "") + std::string("{\"typeId\":\"") + std::to_string(i) +
+                      "\",\"time\":\"" + std::to_string(1000 + i) + "\",\"params\":" + params +
+                      "}";
+            ASSERT_EQ(remaining + std::strlen(buf.data()), 260850u) << i;
+        }
+    }
+    EXPECT_EQ(remaining, 0);
+    EXPECT_EQ(std::string(buf.data()), expect);
+}
+
 TEST(JsonUtil, EachTextIsParsedOnItsOwn) {
     SCOPED_TRACE("what a broken or incomplete text left behind does not reach the next one");
     const char *seq[][2] = {{"{\"a\":[1,{\"b\":", "{\"c\":2}"},
