@@ -78,7 +78,8 @@ bool output_to_trace_file()
         return false;
     dup2(fd, STDOUT_FILENO);
     dup2(fd, STDERR_FILENO);
-    close(fd);
+    if (fd > STDERR_FILENO)   // a closed 1 or 2 may be handed out again: keep it
+        close(fd);
     return true;
 }
 

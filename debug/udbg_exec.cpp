@@ -168,7 +168,10 @@ int udbg_redirect_output(const char *path, bool create) noexcept
     fflush(stderr);
     dup2(fd, STDOUT_FILENO);
     dup2(fd, STDERR_FILENO);
-    close(fd);
+    // With 1 or 2 closed beforehand, open() may hand out that very number;
+    // closing it then would take the new output away again.
+    if (fd > STDERR_FILENO)
+        close(fd);
     setvbuf(stdout, nullptr, _IONBF, 0);
     setvbuf(stderr, nullptr, _IONBF, 0);
     return 0;
