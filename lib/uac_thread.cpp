@@ -80,7 +80,13 @@ void *trampoline(void *p) {
     pthread_exit(nullptr);
 }
 
-uint64_t timeval_us(const struct timeval &tv) {
+// Microseconds on the given clock; the time of day stands in if that clock cannot be read.
+uint64_t clock_us(clockid_t id) {
+    struct timespec ts;
+    if (clock_gettime(id, &ts) == 0)
+        return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
+    struct timeval tv;
+    gettimeofday(&tv, nullptr);
     return static_cast<uint64_t>(tv.tv_sec) * 1000000u + static_cast<uint64_t>(tv.tv_usec);
 }
 
@@ -183,30 +189,15 @@ int32_t uac_thread_print(uac_thread_t *record) noexcept {
 }
 
 uint64_t uac_uptime_us(void) noexcept {
-    struct timespec ts;
-    if (clock_gettime(CLOCK_MONOTONIC, &ts) == 0)
-        return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    return timeval_us(tv);
+    return clock_us(CLOCK_MONOTONIC);
 }
 
 uint64_t uac_uptime_ms(void) noexcept {
-    struct timespec ts;
-    if (clock_gettime(CLOCK_MONOTONIC, &ts) == 0)
-        return static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    return timeval_us(tv) / 1000u;
+    return clock_us(CLOCK_MONOTONIC) / 1000u;
 }
 
 uint64_t uac_time_ms(void) noexcept {
-    struct timespec ts;
-    if (clock_gettime(CLOCK_REALTIME, &ts) == 0)
-        return static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
-    struct timeval tv;
-    gettimeofday(&tv, nullptr);
-    return timeval_us(tv) / 1000u;
+    return clock_us(CLOCK_REALTIME) / 1000u;
 }
 
 int64_t uac_uptime_sec(void) noexcept {
