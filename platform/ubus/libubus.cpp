@@ -652,11 +652,9 @@ int publish_once(ubus_context *ctx, ubus_object *obj)
     return 0;
 }
 
-void release(ubus_context *ctx)
+// Takes the socket off the loop, closes it and ends every open request.
+void close_socket(ubus_context *ctx)
 {
-    ubus_context_state *st = ctx->state;
-    if (!st)
-        return;
     if (ctx->sock.registered)
         uloop_fd_delete(&ctx->sock);
     if (ctx->pending_timer.pending)
@@ -664,8 +662,16 @@ void release(ubus_context *ctx)
     if (ctx->sock.fd >= 0)
         close(ctx->sock.fd);
     ctx->sock.fd = -1;
-    st->broken = true;
+    ctx->state->broken = true;
     fail_all(ctx, UBUS_STATUS_CONNECTION_FAILED);
+}
+
+void release(ubus_context *ctx)
+{
+    ubus_context_state *st = ctx->state;
+    if (!st)
+        return;
+    close_socket(ctx);
     for (ubus_object *o : st->objects)
         o->id = 0;
     blob_buf_free(&st->b);
@@ -769,15 +775,7 @@ int ubus_reconnect(struct ubus_context *ctx, const char *path) noexcept
     ubus_context_state *st = ctx->state;
     if (!st)
         return UBUS_STATUS_INVALID_ARGUMENT;
-    if (ctx->sock.registered)
-        uloop_fd_delete(&ctx->sock);
-    if (ctx->pending_timer.pending)
-        uloop_timeout_cancel(&ctx->pending_timer);
-    if (ctx->sock.fd >= 0)
-        close(ctx->sock.fd);
-    ctx->sock.fd = -1;
-    st->broken = true;
-    fail_all(ctx, UBUS_STATUS_CONNECTION_FAILED);
+    close_socket(ctx);
     st->queued.clear();
     st->in_len = 0;
     st->lost_pending = false;
