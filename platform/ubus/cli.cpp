@@ -5,6 +5,7 @@
 // status prints "Command failed: <text>" and is the exit status; a negative
 // one (a handler's -1, say) prints nothing beyond the replies and exits with
 // its low 8 bits (255). Output does not depend on whether stderr is a terminal.
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -161,6 +162,9 @@ int main(int argc, char **argv)
             opt.timeout_s = atoi(optarg);
             if (opt.timeout_s < 0)
                 opt.timeout_s = 0;
+            // Kept within what the call's millisecond time-out can hold.
+            if (opt.timeout_s > INT_MAX / 1000)
+                opt.timeout_s = INT_MAX / 1000;
             break;
         case 'S':
             opt.simple = true;
