@@ -80,7 +80,13 @@ int main(int argc, char **argv)
     while ((c = getopt(argc, argv, "p:t:nh")) != -1) {
         switch (c) {
         case 'p': process = optarg; break;
-        case 't': timeout = atoi(optarg); break;
+        case 't': {
+            // A mistyped limit must not turn into 0, which waits forever.
+            char *end;
+            long v = strtol(optarg, &end, 10);
+            timeout = !*optarg || *end || v < 0 || v > 2147483647L ? -1 : static_cast<int>(v);
+            break;
+        }
         case 'n': plain = true; break;
         default: usage(); return c == 'h' ? 0 : 2;
         }
