@@ -229,7 +229,7 @@ public:
     {
         if (opt_.record.empty())
             return true;
-        record_.reset(std::fopen(opt_.record.c_str(), "a"));
+        record_.reset(std::fopen(opt_.record.c_str(), "ae"));
         if (!record_) {
             std::fprintf(stderr, "cloudsim: cannot open record file %s: %s\n",
                          opt_.record.c_str(), std::strerror(errno));
