@@ -8,24 +8,8 @@
 #include <signal.h>
 #include <stdint.h>
 
+#include "uac_defs.h"
 #include "uac_list.h"
-
-#ifndef UAC_ATOMIC
-#ifdef __cplusplus
-#include <atomic>
-#define UAC_ATOMIC(T) std::atomic<T>
-#else
-#define UAC_ATOMIC(T) _Atomic(T)
-#endif
-#endif
-
-#ifndef UAC_NOEXCEPT
-#ifdef __cplusplus
-#define UAC_NOEXCEPT noexcept
-#else
-#define UAC_NOEXCEPT
-#endif
-#endif
 
 #ifdef __cplusplus
 extern "C" {

@@ -4,13 +4,7 @@
 
 #include <stdint.h>
 
-#ifndef UAC_NOEXCEPT
-#ifdef __cplusplus
-#define UAC_NOEXCEPT noexcept
-#else
-#define UAC_NOEXCEPT
-#endif
-#endif
+#include "uac_defs.h"
 
 #ifdef __cplusplus
 extern "C" {

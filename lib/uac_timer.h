@@ -4,15 +4,8 @@
 
 #include <stdint.h>
 
+#include "uac_defs.h"
 #include "uac_list.h"
-
-#ifndef UAC_NOEXCEPT
-#ifdef __cplusplus
-#define UAC_NOEXCEPT noexcept
-#else
-#define UAC_NOEXCEPT
-#endif
-#endif
 
 #ifdef __cplusplus
 extern "C" {
