@@ -492,7 +492,8 @@ extern "C" void *_test_short_link_send(void *) noexcept {
             if (access(kShortLinkContent, F_OK) == 0) {
                 if (!buf)
                     buf = static_cast<char *>(MEM_GUARD_ALLOC(NMS_REPORT_BUF_SIZE));
-                FILE *f = buf ? std::fopen(kShortLinkContent, "rb") : nullptr;
+                // Close-on-exec: other threads start commands while the file is open.
+                FILE *f = buf ? std::fopen(kShortLinkContent, "rbe") : nullptr;
                 if (f) {
                     std::memset(buf, 0, NMS_REPORT_BUF_SIZE);
                     // One byte stays 0 so the content is always a terminated text.
