@@ -207,15 +207,13 @@ void report_statistics_params_prepare(statistics_params_cb_node *node,
             // reset, so every later member of this run is sent on its own the same way.
             info->status = statistics_params_report_handle(info->buf, info->force);
             report_statistics_params_success(node, info);
-            FILE *sp = popen(info->success_cmd, "r");
+            const bool started = run_success_text(info->success_cmd);
             std::printf("test succes cmd:%s \r\n", info->success_cmd);
             std::fflush(stdout);
-            if (!sp) {
-                log_popen_failure(info->success_cmd);
+            if (!started) {
                 NMS_LOG_ERROR("popen exe [%s] failed\n", info->success_cmd);
                 return;
             }
-            pclose(sp);
             std::memset(info->buf, 0, sizeof(info->buf));
             std::memcpy(info->buf, member.c_str(), member.size() + 1);
         }
