@@ -27,43 +27,51 @@ void copy_cut(char *dst, size_t dst_size, const char *value)
     dst[n] = '\0';
 }
 
+// Failure lines of the shared write steps carry the name of the documented helper
+// that was called (caller), not of this internal one.
+#define CALLER_LOG_ERROR(fmt, ...)                                        \
+    do {                                                                  \
+        if (log_error_on.load(std::memory_order_relaxed))                 \
+            nms_log_print(caller, __LINE__, fmt, ##__VA_ARGS__);          \
+    } while (0)
+
 // Loads the package of an already formatted lookup string into a fresh context
 // on confdir, then sets, saves and commits it. The lookup buffer is parsed in
 // place by libuci and must outlive the pointer, which it does here.
-int set_and_commit(char *lookup, const char *package, const char *confdir)
+int set_and_commit(char *lookup, const char *package, const char *confdir, const char *caller)
 {
     UciPtr ctx(uci_alloc_context());
     if (!ctx) {
-        NMS_LOG_ERROR("uci alloc context failed.");
+        CALLER_LOG_ERROR("uci alloc context failed.");
         return -1;
     }
     if (init_specifyUciPath(ctx.get(), package, confdir) != 0) {
-        NMS_LOG_ERROR("init_specifyUciPath failed.");
+        CALLER_LOG_ERROR("init_specifyUciPath failed.");
         return -1;
     }
     if (!initConfigPackage(ctx.get(), package)) {
-        NMS_LOG_ERROR("ctx or uciPkg is NULL!");
+        CALLER_LOG_ERROR("ctx or uciPkg is NULL!");
         return -1;
     }
 
     uci_ptr ptr;
     memset(&ptr, 0, sizeof ptr);
     if (uci_lookup_ptr(ctx.get(), &ptr, lookup, true) != UCI_OK) {
-        NMS_LOG_ERROR("uci_lookup_ptr != UCI_OK");
+        CALLER_LOG_ERROR("uci_lookup_ptr != UCI_OK");
         return -1;
     }
     if (uci_set(ctx.get(), &ptr) != UCI_OK) {
-        NMS_LOG_ERROR("uci_set != UCI_OK");
+        CALLER_LOG_ERROR("uci_set != UCI_OK");
         return -1;
     }
     if (uci_save(ctx.get(), ptr.p) != UCI_OK) {
-        NMS_LOG_ERROR("uci_save != UCI_OK");
+        CALLER_LOG_ERROR("uci_save != UCI_OK");
         return -1;
     }
     // Without overwrite: the file is re-read and every saved change replayed
     // onto it, so changes of other writers since our load are kept.
     if (uci_commit(ctx.get(), &ptr.p, false) != UCI_OK) {
-        NMS_LOG_ERROR("uci_commit != UCI_OK");
+        CALLER_LOG_ERROR("uci_commit != UCI_OK");
         return -1;
     }
     return 0;
@@ -216,7 +224,7 @@ int setUciSectionSpecifyPath(const char *package, const char *section, const cha
     char lookup[kLookupSize];
     snprintf(lookup, sizeof lookup, "%s.%s=%s", package, section, type);
     NMS_LOG_DEBUG("uci set %s\n", lookup);
-    return set_and_commit(lookup, package, confdir);
+    return set_and_commit(lookup, package, confdir, __func__);
 }
 
 int setUciOptionSpecifyPath(const char *package, const char *section, const char *option,
@@ -234,5 +242,5 @@ int setUciOptionSpecifyPath(const char *package, const char *section, const char
     char lookup[kLookupSize];
     snprintf(lookup, sizeof lookup, "%s.%s.%s=%s", package, section, option, value);
     NMS_LOG_DEBUG("uci set %s\n", lookup);
-    return set_and_commit(lookup, package, confdir);
+    return set_and_commit(lookup, package, confdir, __func__);
 }

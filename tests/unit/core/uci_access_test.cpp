@@ -216,6 +216,8 @@ TEST_F(UciAccess, RefusedWritesChangeNothing)
         EXPECT_EQ(setUciOptionSpecifyPath("stats", "nosec", "period", "1", dir_.c_str()), -1);
     });
     EXPECT_NE(out.find(".uci_set != UCI_OK\n"), std::string::npos) << out;
+    // The failing step is reported under the helper that was called.
+    EXPECT_NE(out.find("Function is:setUciOptionSpecifyPath, Line is:"), std::string::npos) << out;
 
     out = printed([&] {
         EXPECT_EQ(setUciOptionSpecifyPath("absent", "g", "period", "1", dir_.c_str()), -1);
