@@ -82,20 +82,6 @@ private:
     std::vector<std::string> bodies_;
 };
 
-// A `ubus` first on PATH that answers the two identity queries as the device's services do.
-void install_ubus_stand_in() {
-    mkdir("/tmp/standin", 0755);
-    itest::write_file("/tmp/standin/ubus",
-                      "#!/bin/sh\n"
-                      "case \"$2 $3\" in\n"
-                      "'varnServer getInfo') echo '{\"mac\":\"" + std::string(kMac) + "\"}' ;;\n"
-                      "'cloudclient get_site_id') echo '{\"site_id\":\"site-42\"}' ;;\n"
-                      "*) exit 4 ;;\n"
-                      "esac\n");
-    chmod("/tmp/standin/ubus", 0755);
-    setenv("PATH", ("/tmp/standin:" + std::string(getenv("PATH"))).c_str(), 1);
-}
-
 // event_report settings: one "event_queue_<list>" section per entry.
 struct ListSettings {
     int list, buffer_time, buffer_size, policy;
@@ -146,7 +132,7 @@ std::string expected_head() {
 class EventPipeline : public ::testing::Test {
 protected:
     void SetUp() override {
-        install_ubus_stand_in();
+        itest::install_identity_stand_in(kMac, "site-42");
         init_lists_and_sender();
     }
     Cloud cloud_;

@@ -34,4 +34,10 @@ std::string console();
 // The sandbox's scratch folder (logs of the services it started).
 const char *sandbox_dir();
 
+// Puts a `ubus` first on this process's PATH (in /tmp/standin) that answers the two
+// identity queries the daemon's reports make, as the device's services would:
+// `varnServer getInfo` with mac, `cloudclient get_site_id` with site_id; anything
+// else fails with status 4 (not found).
+void install_identity_stand_in(const std::string &mac, const std::string &site_id);
+
 }  // namespace itest

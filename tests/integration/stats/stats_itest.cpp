@@ -103,17 +103,7 @@ class StatsDevice : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(g_sigalrm_blocked, 0);
-        // A `ubus` first on PATH answering the identity queries as the device's services do.
-        mkdir("/tmp/standin", 0755);
-        itest::write_file("/tmp/standin/ubus",
-                          "#!/bin/sh\n"
-                          "case \"$2 $3\" in\n"
-                          "'varnServer getInfo') echo '{\"mac\":\"" + std::string(kMac) + "\"}' ;;\n"
-                          "'cloudclient get_site_id') echo '{\"site_id\":\"site-42\"}' ;;\n"
-                          "*) exit 4 ;;\n"
-                          "esac\n");
-        chmod("/tmp/standin/ubus", 0755);
-        setenv("PATH", ("/tmp/standin:" + std::string(getenv("PATH"))).c_str(), 1);
+        itest::install_identity_stand_in(kMac, "site-42");
         // The daemon's start-up makes the record's folders and its empty package.
         ASSERT_EQ(itest::run("mkdir -p  /tmp/nms_stats_report_cfg; mkdir -p  "
                              "/tmp/nms_stats_report_cfg.uci;touch "
