@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "nms_cmd.h"
 #include "nms_log.h"
 #include "uac_mem.h"
 #include "uci_access.h"
@@ -164,15 +165,18 @@ int _get_support_params_list_by_popen(const statistics_params_support_node *node
         return -1;
     }
     std::memset(read_buf, 0, STATS_SUPPORT_READ_LEN + 1);
-    FILE *fp = popen(node->cb, "r");
-    if (!fp) {
+    bool timed_out = false;
+    long got = nms_cmd_read(node->cb, read_buf, STATS_SUPPORT_READ_LEN, &timed_out);
+    if (got < 0) {
         int err = errno;
         NMS_LOG_ERROR("popen call %s failed, error:%d error:%s\n", node->cb, err, std::strerror(err));
         NMS_LOG_ERROR("popen exe [%s] failed\n", node->cb);
         return -1;
     }
-    size_t n = std::fread(read_buf, 1, STATS_SUPPORT_READ_LEN, fp);
-    pclose(fp);
+    // Stopped at the time limit (reported): the list would be missing what it did not print.
+    if (timed_out)
+        return -1;
+    const size_t n = static_cast<size_t>(got);
     // A full read buffer means 2048 bytes or more were printed: too much either way.
     const long out_len = static_cast<long>(std::strlen(read_buf));
     if (n >= STATS_SUPPORT_READ_LEN || out_len >= room) {

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "nms_cmd.h"
 #include "nms_log.h"
 #include "stats_report.h"
 #include "uac_mem.h"
@@ -147,13 +148,11 @@ int statistics_params_timer_entry_delete(uac_hash *table, statistics_params_time
 // Runs a command for its side effect only; its output is ignored. False when it could
 // not be started.
 bool run_ignoring_output(const char *cmd) {
-    FILE *fp = popen(cmd, "r");
-    if (!fp) {
+    if (nms_cmd_run(cmd) != 0) {
         int err = errno;
         NMS_LOG_ERROR("popen call %s failed, error:%d error:%s\n", cmd, err, std::strerror(err));
         return false;
     }
-    pclose(fp);
     return true;
 }
 

@@ -15,6 +15,7 @@
 #include "cloud_report.h"
 #include "event_config.h"
 #include "event_report.h"
+#include "nms_cmd.h"
 #include "nms_log.h"
 #include "report_switch.h"
 #include "uac_mem.h"
@@ -83,12 +84,10 @@ void log_popen_failure(const char *cmd) {
 // Starts the success command text and waits for the shell, which puts every command in
 // the background and returns at once. False when the shell could not be started.
 bool run_success_text(const char *text) {
-    FILE *fp = popen(text, "r");
-    if (!fp) {
+    if (nms_cmd_run(text) != 0) {
         log_popen_failure(text);
         return false;
     }
-    pclose(fp);
     return true;
 }
 
@@ -161,15 +160,15 @@ void report_statistics_params_prepare(statistics_params_cb_node *node,
         // The whole buffer, not only the part that is read next: a shorter read must not
         // leave the previous page's tail to be parsed again.
         std::memset(out.get(), 0, STATS_READ_BUF_LEN + 1);
-        FILE *fp = popen(node->get_cb, "r");
-        if (!fp) {
+        bool timed_out = false;
+        if (nms_cmd_read(node->get_cb, out.get(), read_size, &timed_out) < 0) {
             log_popen_failure(node->get_cb);
             NMS_LOG_ERROR("popen exe [%s] failed\n", node->get_cb);
             return;
         }
-        size_t n = std::fread(out.get(), 1, read_size, fp);
-        (void)n;
-        pclose(fp);
+        // Cut off by the time limit (already reported): what it printed is not a value.
+        if (timed_out)
+            return;
         NMS_LOG_DEBUG("get report info by ubus, buf is %s remain_len:%d\n", out.get(), remain_len);
 
         JsonPtr obj(jsonParseStr(out.get()));
@@ -266,13 +265,71 @@ void statistics_params_next_interval(uint64_t cur_time, uint64_t *begin_time, ui
     NMS_LOG_TRACE("interval%d tmp_time:%d.", static_cast<int>(*sec), static_cast<int>(*usec));
 }
 
+}  // extern "C"
+
+namespace {
+
+// One expiry of a group timer, handed from the wheel timer's work thread to a thread of its own.
+struct GroupRun {
+    statistics_params_timer_entry *copy;  // private copy of the group
+    char timeout[STATS_TIMEOUT_LEN + 1];  // the group's key
+    uint64_t cur_time;                    // when the timer fired
+    int32_t fired_id;                     // the timer that fired
+};
+
+// Collects and reports the copied group, then arms the group's next timer, aimed from the
+// firing time as before. The chain of one group never overlaps itself: its next timer exists
+// only once this run is over.
+void run_group(GroupRun *run) noexcept {
+    report_statistics_params(run->copy);
+    statistics_params_group_free(run->copy);
+    run->copy = nullptr;
+
+    char *next_arg = copy_text(run->timeout, STATS_TIMEOUT_LEN + 1);
+    if (!next_arg) {
+        NMS_LOG_ERROR("malloc tmp_timer_str failed.");
+        return;
+    }
+    uac::TagHold hold(gStatisticsParamsTimerLocker);
+    auto *group = static_cast<statistics_params_timer_entry *>(
+        uac_hash_find(statistics_params_timer_hash, run->timeout));
+    // Gone, stopped or restarted while the commands ran: this chain ends here (a restart
+    // has a chain of its own).
+    if (!group || group->timer_id != run->fired_id) {
+        mem_guard_free(next_arg);
+        return;
+    }
+    uint32_t sec = 0;
+    uint32_t usec = 0;
+    statistics_params_next_interval(run->cur_time, &group->begin_time, &group->cnt,
+                                    std::atoi(group->timeout), &sec, &usec);
+    uint32_t id = uac_timer_add(sec, usec, timer_cb, next_arg, timer_cb_params_free_handle);
+    if (id == UAC_TIMER_INVALID_ID)
+        mem_guard_free(next_arg);
+    group->timer_id = static_cast<int32_t>(id);
+}
+
+void *group_run_thread(void *arg) noexcept {
+    GuardPtr<GroupRun> run(static_cast<GroupRun *>(arg));
+    if (run)
+        run_group(run.get());
+    return nullptr;
+}
+
+}  // namespace
+
+extern "C" {
+
 void timer_cb(void *arg) noexcept {
     const char *timeout = static_cast<const char *>(arg);
     if (!timeout)
         return;
     const uint64_t cur_time = uac_uptime_us();
-    statistics_params_timer_entry *copy = nullptr;
-    int32_t fired_id = STATS_NO_TIMER;
+    GuardPtr<GroupRun> run = alloc_zeroed<GroupRun>();
+    if (!run) {
+        NMS_LOG_ERROR("malloc failed.");
+        return;
+    }
     {
         uac::TagHold hold(gStatisticsParamsTimerLocker);
         auto *group = static_cast<statistics_params_timer_entry *>(
@@ -286,36 +343,23 @@ void timer_cb(void *arg) noexcept {
         if (group->timer_id == STATS_NO_TIMER || !group->node_hash ||
             uac_hash_count(group->node_hash) == 0)
             return;
-        fired_id = group->timer_id;
-        copy = statistics_params_group_copy(group);
-        if (!copy)
+        run->fired_id = group->timer_id;
+        run->copy = statistics_params_group_copy(group);
+        if (!run->copy)
             return;
     }
-    report_statistics_params(copy);
-    statistics_params_group_free(copy);
-
-    char *next_arg = copy_text(timeout, STATS_TIMEOUT_LEN + 1);
-    if (!next_arg) {
-        NMS_LOG_ERROR("malloc tmp_timer_str failed.");
+    std::snprintf(run->timeout, sizeof(run->timeout), "%s", timeout);
+    run->cur_time = cur_time;
+    // The commands run on a thread of their own, not here: this thread runs every timer of the
+    // process, the one-second event scan among them, and a command that hangs (until the time
+    // limit stops it) would hold up event reports and every other group meanwhile.
+    pthread_t tid;
+    if (uac_thread_create(&tid, "nmsStatsReportThread", group_run_thread, run.get()) == 0) {
+        run.release();
         return;
     }
-    uac::TagHold hold(gStatisticsParamsTimerLocker);
-    auto *group = static_cast<statistics_params_timer_entry *>(
-        uac_hash_find(statistics_params_timer_hash, timeout));
-    // Gone, stopped or restarted while the commands ran: this chain ends here (a restart
-    // has a chain of its own).
-    if (!group || group->timer_id != fired_id) {
-        mem_guard_free(next_arg);
-        return;
-    }
-    uint32_t sec = 0;
-    uint32_t usec = 0;
-    statistics_params_next_interval(cur_time, &group->begin_time, &group->cnt,
-                                    std::atoi(group->timeout), &sec, &usec);
-    uint32_t id = uac_timer_add(sec, usec, timer_cb, next_arg, timer_cb_params_free_handle);
-    if (id == UAC_TIMER_INVALID_ID)
-        mem_guard_free(next_arg);
-    group->timer_id = static_cast<int32_t>(id);
+    NMS_LOG_ERROR("create thread(timer_cb) failed!");
+    run_group(run.get());
 }
 
 int _flush_all_statistics_params_report(statistics_params_timer_entry *group,

@@ -8,10 +8,15 @@
 // the bus thread, one call at a time.
 #include "nms_ubus.h"
 
+#include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cerrno>
 #include <cstring>
+#include <mutex>
+#include <vector>
 
 #include <info_report.h>
 #include <libubox/blobmsg.h>
@@ -27,6 +32,7 @@
 #include "stats_registry.h"
 #include "stats_report.h"
 #include "uac_mem.h"
+#include "uac_thread.h"
 
 extern "C" {
 std::atomic<int32_t> event_report_running{0};
@@ -242,23 +248,114 @@ extern "C" int get_statistics_parms_reg(ubus_context *, ubus_object *, ubus_requ
     return store_support_params_list(cb);
 }
 
-// Answers with the supported-parameter list and then the status -1, which callers
-// of this method have always received after the reply and test for. The text
-// buffer stays allocated after the call, as in every release of the daemon so far
-// (32 KiB a call; support tools call it rarely).
+// ---- get_statistics_parms_list, answered from another thread ----------------------------
+//
+// The list is the joined output of commands other services registered. Run on the bus thread,
+// one command that hangs would stop the whole object from answering until the time limit ended
+// it, so the call is deferred: a worker runs the commands and wakes the bus thread through a
+// pipe, which answers. Calls that come in while a run is on wait for the next run, which
+// answers all of them; a run answers only calls that came before it started, so every answer
+// holds what was registered when its call came.
+
+namespace {
+
+// One reply text, kept for the life of the process (32 KiB; one run at a time uses it).
+char g_param_list_text[kParamListSize + 1];
+int g_param_list_rc = -1;
+
+std::mutex g_param_list_mu;                           // guards the three below
+std::vector<ubus_request_data> g_param_list_waiting;  // calls that the next run answers
+std::vector<ubus_request_data> g_param_list_serving;  // calls that the running run answers
+bool g_param_list_running = false;
+
+int g_param_list_wake[2] = {-1, -1};  // worker -> bus thread
+uloop_fd g_param_list_done{};
+
+void *param_list_worker(void *) noexcept
+{
+    std::memset(g_param_list_text, 0, sizeof(g_param_list_text));
+    g_param_list_rc = get_support_params_list(g_param_list_text, kParamListSize);
+    const char byte = 1;
+    while (write(g_param_list_wake[1], &byte, 1) < 0 && errno == EINTR) {
+    }
+    return nullptr;
+}
+
+// Starts a run for the waiting calls unless one is on. Bus thread; g_param_list_mu held.
+void start_param_list_run() noexcept
+{
+    if (g_param_list_running || g_param_list_waiting.empty())
+        return;
+    g_param_list_serving.swap(g_param_list_waiting);
+    g_param_list_running = true;
+    pthread_t tid;
+    if (uac_thread_create(&tid, "nmsStatsReportThread", param_list_worker, nullptr) != 0) {
+        NMS_LOG_ERROR("create thread(param_list_worker) failed!");
+        // Answered as a failed list: the callers are not left waiting.
+        g_param_list_rc = -1;
+        const char byte = 1;
+        if (write(g_param_list_wake[1], &byte, 1) < 0)
+            NMS_LOG_ERROR("wake failed.");
+    }
+}
+
+// A run is over: answer its calls (the list, then the status -1 that callers of this method
+// have always received after the reply), then start the next run for calls that came meanwhile.
+void param_list_done_cb(uloop_fd *u, unsigned int) noexcept
+{
+    char bytes[16];
+    while (read(u->fd, bytes, sizeof(bytes)) > 0) {
+    }
+    std::lock_guard<std::mutex> hold(g_param_list_mu);
+    if (!g_param_list_running)
+        return;
+    for (ubus_request_data &req : g_param_list_serving) {
+        if (ubus_ctx && g_param_list_rc == 0) {
+            blob_buf_init(&g_reply, 0);
+            blobmsg_add_string(&g_reply, "param_list", g_param_list_text);
+            ubus_send_reply(ubus_ctx, &req, g_reply.head);
+            blob_buf_free(&g_reply);
+        }
+        if (ubus_ctx)
+            ubus_complete_deferred_request(ubus_ctx, &req, -1);
+    }
+    g_param_list_serving.clear();
+    g_param_list_running = false;
+    start_param_list_run();
+}
+
+// Sets up the wake pipe on the bus thread's loop. False when it cannot: the method then
+// answers on the bus thread itself.
+bool param_list_wake_init() noexcept
+{
+    if (g_param_list_wake[0] < 0 && pipe2(g_param_list_wake, O_CLOEXEC | O_NONBLOCK) != 0) {
+        g_param_list_wake[0] = g_param_list_wake[1] = -1;
+        return false;
+    }
+    g_param_list_done.fd = g_param_list_wake[0];
+    g_param_list_done.cb = param_list_done_cb;
+    return uloop_fd_add(&g_param_list_done, ULOOP_READ) == 0;
+}
+
+}  // namespace
+
 extern "C" int get_statistics_parms_list(ubus_context *ctx, ubus_object *, ubus_request_data *req,
                                          const char *, blob_attr *) noexcept
 {
-    auto *text = static_cast<char *>(MEM_GUARD_ALLOC(kParamListSize + 1));
-    if (!text) {
-        NMS_LOG_ERROR("malloc failed");
-        return -1;
+    if (g_param_list_done.registered) {
+        ubus_request_data deferred{};
+        ubus_defer_request(ctx, req, &deferred);
+        std::lock_guard<std::mutex> hold(g_param_list_mu);
+        g_param_list_waiting.push_back(deferred);
+        start_param_list_run();
+        return 0;
     }
-    std::memset(text, 0, kParamListSize + 1);
-    if (get_support_params_list(text, kParamListSize) != 0)
+    // No wake pipe: answered here, on the bus thread.
+    std::memset(g_param_list_text, 0, sizeof(g_param_list_text));
+    if (get_support_params_list(g_param_list_text, kParamListSize) != 0)
         return -1;
     blob_buf_init(&g_reply, 0);
-    blobmsg_add_string(&g_reply, "param_list", text);
+    blobmsg_add_string(&g_reply, "param_list", g_param_list_text);
     ubus_send_reply(ctx, req, g_reply.head);
     blob_buf_free(&g_reply);
     return -1;
@@ -582,6 +679,8 @@ extern "C" void *handleUbusEvent(void *) noexcept
     // wait in the socket until the loop runs.
     uloop_init();
     uloop_fd_add(&ubus_ctx->sock, kLoopFlags);
+    if (!param_list_wake_init())
+        NMS_LOG_ERROR("param list wake pipe failed, the list is answered on the bus thread.");
     uloop_run();
     uloop_done();
     ubus_free(ubus_ctx);
