@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cctype>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -12,6 +13,7 @@
 
 #include "event_config.h"
 #include "event_report.h"
+#include "nms_cmd.h"
 #include "nms_log.h"
 #include "report_switch.h"
 #include "uac_mem.h"
@@ -41,12 +43,8 @@ struct JsonPut {
 struct TokenerFree {
     void operator()(json_tokener *t) const noexcept { json_tokener_free(t); }
 };
-struct PipeClose {
-    void operator()(FILE *f) const noexcept { pclose(f); }
-};
 using JsonPtr = std::unique_ptr<json_object, JsonPut>;
 using TokenerPtr = std::unique_ptr<json_tokener, TokenerFree>;
-using PipePtr = std::unique_ptr<FILE, PipeClose>;
 
 // Copies src into the fixed field dst, cut to fit and terminated.
 template <size_t N>
@@ -58,16 +56,16 @@ void copy_field(char (&dst)[N], const char *src) {
 // the pipe cannot be opened (pipe_failed set) or the output does not parse.
 JsonPtr run_json_command(const char *cmd, bool &pipe_failed) {
     pipe_failed = false;
-    PipePtr pipe(popen(cmd, "r"));
-    if (!pipe) {
+    // One byte more than is read, so the text is always terminated.
+    char out[kCmdOutMax + 1] = {};
+    // Bounded in time: the batch thread waits for this, and every list's reports with it.
+    bool timed_out = false;
+    if (nms_cmd_read(cmd, out, kCmdOutMax, &timed_out) < 0) {
         pipe_failed = true;
         return nullptr;
     }
-    // One byte more than is read, so the text is always terminated.
-    char out[kCmdOutMax + 1] = {};
-    size_t got = std::fread(out, 1, kCmdOutMax, pipe.get());
-    out[got] = '\0';
-    pipe.reset();
+    if (timed_out)
+        return nullptr;
     return JsonPtr(jsonParseStr(out));
 }
 
@@ -163,6 +161,10 @@ json_tokener *thread_tokener() {
 }  // namespace
 
 extern "C" json_object *jsonParseStr(const char *text) noexcept {
+    return json_parse_value(text, nullptr);
+}
+
+json_object *json_parse_value(const char *text, size_t *end) noexcept {
     if (!text) {
         NMS_LOG_ERROR("Buf is NULL!");
         return nullptr;
@@ -176,6 +178,13 @@ extern "C" json_object *jsonParseStr(const char *text) noexcept {
     // -1: the parser finds the length from the terminator, which also ends a bare number.
     json_object *obj = json_tokener_parse_ex(tok, text, -1);
     bool ok = json_tokener_get_error(tok) == json_tokener_success;
+    if (ok && end) {
+        // The parser may have stepped over blanks after the value; they are not part of it.
+        size_t n = json_tokener_get_parse_end(tok);
+        while (n > 0 && std::isspace(static_cast<unsigned char>(text[n - 1])))
+            n--;
+        *end = n;
+    }
     // Drops what an incomplete or broken text left half built.
     json_tokener_reset(tok);
     if (!ok) {

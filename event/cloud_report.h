@@ -48,6 +48,11 @@ int cloud_report_send_info(char *text, uint32_t retries, int32_t *result) noexce
 
 }  // extern "C"
 
+// jsonParseStr that also tells where the value ends: *end is the length of the value's text
+// (blanks after it excluded), set only when the parse succeeds. What follows the value is
+// ignored by the parse; callers that pass the text on keep only the value.
+json_object *json_parse_value(const char *text, size_t *end) noexcept;
+
 // Puts the identity head {"projectId":..,"deviceMac":..,"deviceType":.. without its closing
 // brace in front of the text held in buf (which must begin with a comma) and closes the object.
 // buf needs room for the head, the text and one more character, with zeros after the text.

@@ -68,12 +68,17 @@ extern "C" int msg_handle_dispatch(nms_event_msg *frame, int list) noexcept {
     size_t len = strnlen(frame->params, sizeof(frame->params));
     if (len > 0) {
         JsonPtr parsed;
+        size_t end = len;
         if (len < NMS_EVENT_PARAMS_MAX)
-            parsed.reset(jsonParseStr(frame->params));
+            parsed.reset(json_parse_value(frame->params, &end));
         if (!parsed) {
             NMS_LOG_ERROR("event params not a json obj string, like {\"xx\":\"xx\"}!");
             return -1;
         }
+        // The check accepts a value followed by other text. The event keeps only the value:
+        // the params go into the report as they stand, and text after the value (such as
+        // `{}]}]}},{"x":1`) would break the JSON of the whole report and every event in it.
+        len = end;
     }
     auto *info = static_cast<nms_event_info *>(MEM_GUARD_ALLOC(sizeof(nms_event_info)));
     if (!info) {

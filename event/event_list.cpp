@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "event_config.h"
+#include "event_msg.h"
 #include "event_report.h"
 #include "nms_log.h"
 #include "uac_mem.h"
@@ -23,6 +24,7 @@ nms_event_list g_lists[NMS_EVENT_LIST_NUM];
 
 constexpr int kPolicyBlock = 2;  // full-buffer policy that blocks the producer
 constexpr useconds_t kFullWaitUs = 100;
+constexpr unsigned kLookEveryWaits = 100;  // about every 10 ms of waiting
 
 bool list_valid(int list) { return list >= 0 && list < NMS_EVENT_LIST_NUM; }
 bool slot_valid(int slot) { return slot >= 0 && slot < NMS_EVENT_LIST_SLOTS; }
@@ -106,6 +108,7 @@ extern "C" int init_event_node_list(void) noexcept {
         }
         l.count.store(0, std::memory_order_relaxed);
         l.cur_pos.store(-1, std::memory_order_relaxed);
+        l.next_seq = 1;
         if (!l.lock)
             l.lock = uac_mutex_create("gNmsEventNodeListLocker[i]", UAC_MUTEX_NORMAL);
         gNmsEventNodeListLocker[i] = l.lock;
@@ -229,6 +232,9 @@ extern "C" int insert_node_to_list(int list, const nms_event_info *info, int rep
     }
     l.slots[slot] = node;
     node->node_id = static_cast<uint32_t>(slot);
+    node->seq = l.next_seq++;
+    if (l.next_seq == 0)
+        l.next_seq = 1;
     l.count.store(l.count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     l.cur_pos.store(slot, std::memory_order_relaxed);
     NMS_LOG_DEBUG("insert %d list pos %d ", list, slot);
@@ -242,8 +248,13 @@ extern "C" int insert_node_to_list_by_policy(int list, const nms_event_info *inf
     // Policy 2 holds the producer back instead of dropping anything: its queue then backs up,
     // which the report code sees.
     if (get_event_list_full_processing(list) == kPolicyBlock) {
-        while (is_list_full(list) == 0)
+        // While held here the worker drains nothing: look at the queue again now and then, so
+        // that a failing batch sees the backlog as it is now and can make room.
+        for (unsigned waits = 0; is_list_full(list) == 0; waits++) {
+            if (waits % kLookEveryWaits == 0)
+                nms_event_msg_look(list);
             usleep(kFullWaitUs);
+        }
     }
     return insert_node_to_list(list, info, 1);
 }
@@ -309,6 +320,12 @@ extern "C" int delete_node_arr_from_list_force(int list, int n, const int *node_
 
 extern "C" int multil_call_delete_node_arr_from_list(int list, int n, const int *node_ids,
                                                      int *deleted, int bits) noexcept {
+    return multil_call_delete_sent_node_arr(list, n, node_ids, nullptr, deleted, bits);
+}
+
+extern "C" int multil_call_delete_sent_node_arr(int list, int n, const int *node_ids,
+                                                const uint32_t *seqs, int *deleted,
+                                                int bits) noexcept {
     if (bits < 1)
         return 0;
     if (!list_valid(list) || !node_ids || n < 0) {
@@ -324,6 +341,9 @@ extern "C" int multil_call_delete_node_arr_from_list(int list, int n, const int 
         NMS_LOG_DEBUG("node_arr[%d]:%d!!!\n", i, slot);
         if (!slot_valid(slot) || !l.slots[slot])
             continue;
+        // Refilled since the batch took it: the node there was never sent.
+        if (seqs && l.slots[slot]->seq != seqs[i])
+            continue;
         found = true;
         if (clear_bits_and_delete(list, slot, bits)) {
             freed++;
@@ -335,6 +355,12 @@ extern "C" int multil_call_delete_node_arr_from_list(int list, int n, const int 
         NMS_LOG_TRACE("had delete cnt:%d", freed);
     }
     return found ? 0 : -1;
+}
+
+extern "C" uint32_t get_list_node_seq(int list, int slot) noexcept {
+    if (!list_valid(list) || !slot_valid(slot) || !g_lists[list].slots[slot])
+        return 0;
+    return g_lists[list].slots[slot]->seq;
 }
 
 extern "C" int clean_one_list(int bits) noexcept {

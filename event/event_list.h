@@ -31,6 +31,11 @@ struct nms_event_node {
     int32_t id;
     uint64_t time;
     int32_t mask;      // bit 31 never used
+    // Which insertion this is, per list (never 0). A batch remembers it beside the slot, so
+    // that when the slot has been emptied and refilled while the batch was being sent (a
+    // replacing insertion, a clean), the newer event is not deleted as sent. On 64-bit
+    // targets it sits in what was padding after mask.
+    uint32_t seq;
     char *params;      // own copy
 };
 
@@ -41,6 +46,7 @@ struct nms_event_list {
     std::atomic<int32_t> cur_pos;  // slot of the last insertion, -1 when none
     std::atomic<int32_t> count;    // occupied slots
     uac_mutex_t *lock;             // "gNmsEventNodeListLocker[i]"
+    uint32_t next_seq;             // stamp of the next insertion (under lock)
 };
 
 // Lock order: a report lock (event_report.h) may be held while taking a list lock, never the
@@ -61,6 +67,12 @@ int delete_node_arr_from_list_force(int list, int n, const int *node_ids, int *d
 int multil_call_delete_node_arr_from_list(int list, int n, const int *node_ids, int *deleted,
                                           int bits) noexcept;
 int clean_one_list(int bits) noexcept;
+// The stamp of the node in slot, 0 for an empty or invalid slot. Caller holds the list's lock.
+uint32_t get_list_node_seq(int list, int slot) noexcept;
+// Like multil_call_delete_node_arr_from_list, but a slot is touched only while it still holds
+// the node with the stamp recorded beside it (seqs[i]); a slot refilled since is skipped.
+int multil_call_delete_sent_node_arr(int list, int n, const int *node_ids, const uint32_t *seqs,
+                                     int *deleted, int bits) noexcept;
 int get_list_total_node(int list) noexcept;
 int get_list_total_node_by_mask(int list, int bits) noexcept;
 int is_list_not_empty(int list) noexcept;

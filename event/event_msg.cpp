@@ -20,6 +20,7 @@ namespace {
 constexpr int kLists = 8;
 constexpr useconds_t kRetryUs = 1000;
 constexpr int kStatsEvery = 10000;
+constexpr size_t kLongestText = 8192;  // msgmax of a default kernel
 
 // Per list: the receive frame (owned by that list's loop) and the backlog seen at the last look.
 nms_event_msg g_frame[kLists];
@@ -102,9 +103,27 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
             std::memset(&frame, 0, sizeof(frame));
             // Blocks on an empty queue: an idle list costs no processor time.
             ssize_t got = msgrcv(id, &frame, NMS_EVENT_MSG_TEXT_MAX, 0, 0);
+            if (got < 0 && errno == E2BIG) {
+                // A sender broke the 512-byte limit. Left where it is, the message would sit
+                // at the head of the queue and fail every later receive, so the list would
+                // take no event again: take it off with truncation allowed and drop it.
+                // Read into room for the kernel's largest default message, to name its size.
+                struct {
+                    long mtype;
+                    char text[kLongestText];
+                } big;
+                ssize_t size = msgrcv(id, &big, sizeof(big.text), 0, MSG_NOERROR | IPC_NOWAIT);
+                if (size >= 0) {
+                    NMS_LOG_ERROR("###msgrcv failed:command too long:[%d]###",
+                                  static_cast<int>(size));
+                    continue;
+                }
+            }
             if (got < 0) {
                 NMS_LOG_ERROR("msgrcv failed.[%d]-[%d][%d][%d][%d][%d][%d][%d][%d]\r\n", errno,
                               E2BIG, EACCES, EAGAIN, EFAULT, EIDRM, EINTR, EINVAL, ENOMSG);
+                // A queue that keeps failing (removed, no permission) must not cost a core.
+                usleep(kRetryUs);
                 continue;
             }
             reinterpret_cast<char *>(&frame)[NMS_EVENT_MSG_FRAME_SIZE - 1] = '\0';
@@ -128,6 +147,17 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
             }
         }
     }
+}
+
+extern "C" void nms_event_msg_look(int list) noexcept {
+    if (!list_valid(list))
+        return;
+    int id = gNmsEventMsgId[list].load(std::memory_order_relaxed);
+    msqid_ds state{};
+    if (id < 0 || msgctl(id, IPC_STAT, &state) != 0)
+        return;
+    g_backlog[list].store(state.msg_qnum > 0 ? static_cast<int32_t>(state.msg_qnum) : 1,
+                          std::memory_order_relaxed);
 }
 
 extern "C" int is_msg_list_is_full(int list) noexcept {

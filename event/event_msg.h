@@ -44,6 +44,10 @@ int init_nms_event_msg(int list) noexcept;
 // The receive loop of one list; returns only with -1 for a list outside 0..7.
 int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_msg_ready ready,
                           int list) noexcept;
+// Looks at list's queue again and stores what is waiting as its backlog. The receive loop looks
+// once a round; a worker held inside a round (the policy-2 wait for room) calls this while it
+// waits, so the report code sees producers backing up instead of the count from before the wait.
+void nms_event_msg_look(int list) noexcept;
 // 0 when more than 5249 messages were waiting at the loop's last look, else -1.
 int is_msg_list_is_full(int list) noexcept;
 

@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <deque>
+#include <mutex>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -45,8 +47,36 @@ char *report_buf[NMS_REPORT_TYPE_NUM][NMS_EVENT_LIST_NUM];
 // Node ids of the events put into the current batch of each list, -1 for an empty entry.
 int *report_node_id_arr[NMS_EVENT_LIST_NUM];
 int report_node_id_cnt[NMS_EVENT_LIST_NUM];
+// Beside each stored id, the stamp of the node it held when the batch took it: the slot may be
+// emptied and refilled while the batch is being sent (a full list under policy 1 replaces its
+// oldest node, a clean empties slots), and deleting by slot alone would then delete events
+// that were never sent.
+uint32_t report_node_seq_arr[NMS_EVENT_LIST_NUM][NMS_REPORT_NODE_ARR_LEN];
 
 int32_t g_batch_arg;
+
+// Asynchronous sends: jobs in call order and the number of sender threads running.
+constexpr int kAsyncSenders = 4;
+std::mutex g_async_mu;
+std::deque<report_send_job *> g_async_jobs;
+int g_async_senders = 0;
+
+// A sender thread: sends queued jobs one after another and ends when none is left.
+void *async_sender(void *) noexcept {
+    for (;;) {
+        report_send_job *job = nullptr;
+        {
+            std::lock_guard<std::mutex> hold(g_async_mu);
+            if (g_async_jobs.empty()) {
+                g_async_senders--;
+                return nullptr;
+            }
+            job = g_async_jobs.front();
+            g_async_jobs.pop_front();
+        }
+        send_report_handle(job);
+    }
+}
 sem_t g_batch_wake;
 pthread_once_t g_batch_wake_once = PTHREAD_ONCE_INIT;
 
@@ -223,6 +253,8 @@ extern "C" int multil_call_store_report_node_id(uint32_t list, uint32_t node_id,
         return 0;
     if (arr[cnt] == -1) {
         arr[cnt] = static_cast<int>(node_id);
+        report_node_seq_arr[list][cnt] = get_list_node_seq(static_cast<int>(list),
+                                                           static_cast<int>(node_id));
         NMS_LOG_DEBUG("store new_pos:%d arr_op:%d", cnt, arr[cnt]);
         cnt++;
         NMS_LOG_DEBUG("store new_pos:%d cnt:%d", cnt - 1, cnt);
@@ -245,7 +277,8 @@ extern "C" int multil_call_remove_report_node_id(int32_t list, int32_t del,
         return -1;
     if (del == 1) {
         int deleted = 0;
-        multil_call_delete_node_arr_from_list(list, cnt, arr, &deleted, static_cast<int>(mask));
+        multil_call_delete_sent_node_arr(list, cnt, arr, report_node_seq_arr[list], &deleted,
+                                         static_cast<int>(mask));
     }
     std::fill_n(arr, NMS_REPORT_NODE_ARR_LEN, -1);
     cnt = 0;
@@ -420,10 +453,28 @@ extern "C" int send_report_info_async(const char *content, const char *url,
     request->content = content_copy;
     job->fail_retry = fail_retry;
     job->request = request;
+    // At most kAsyncSenders threads send at once; further jobs wait in order for one of them.
+    // One thread per call, without a bound, let a cloud that never answers pile up threads
+    // and their stacks for as long as each send took.
+    bool start = false;
+    {
+        std::lock_guard<std::mutex> hold(g_async_mu);
+        g_async_jobs.push_back(job);
+        if (g_async_senders < kAsyncSenders) {
+            g_async_senders++;
+            start = true;
+        }
+    }
     pthread_t tid;
-    if (uac_thread_create(&tid, "send_report_info", send_report_handle, job) != 0)
-        return fail();
-    return 0;
+    if (!start || uac_thread_create(&tid, "send_report_info", async_sender, nullptr) == 0)
+        return 0;
+    std::lock_guard<std::mutex> hold(g_async_mu);
+    g_async_senders--;
+    // A running sender will take the job; with none, the call fails as before.
+    if (g_async_senders > 0)
+        return 0;
+    g_async_jobs.pop_back();
+    return fail();
 }
 
 extern "C" void *send_report_handle(void *arg) noexcept {
