@@ -1,6 +1,7 @@
 // event_pipeline_test.cpp - the event pipeline on a sandboxed device: queues, lists, scan,
 // batches and the envelope as the cloud receives it.
 #include "itest.h"
+#include "event_itest_util.h"
 
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -34,94 +35,6 @@
 using namespace std::chrono_literals;
 
 namespace {
-
-const char kMac[] = "00-11-22-33-44-55";
-
-// SIGALRM belongs to the wheel timer's tick thread alone: blocked before any thread exists, so
-// every thread of the test (servers included) inherits the mask, as in the daemon.
-const int g_sigalrm_blocked = uac_sigmask_set(SIG_BLOCK, 1, SIGALRM);
-
-// Loopback stand-in of the management service: records every POST, answers with the queued
-// statuses (200 once they are used up).
-class Cloud {
-public:
-    Cloud() {
-        server_.Post(R"(/.*)", [this](const httplib::Request &req, httplib::Response &res) {
-            std::lock_guard<std::mutex> hold(mu_);
-            bodies_.push_back(req.path + " " + req.body);
-            res.status = plan_.empty() ? 200 : plan_.front();
-            if (!plan_.empty())
-                plan_.erase(plan_.begin());
-            res.set_content("{\"errorCode\":0}", "application/json");
-        });
-        port_ = server_.bind_to_any_port("127.0.0.1");
-        thread_ = std::thread([this] { server_.listen_after_bind(); });
-        while (!server_.is_running())
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        setenv("INFO_REPORT_URL", ("http://127.0.0.1:" + std::to_string(port_)).c_str(), 1);
-    }
-    ~Cloud() {
-        server_.stop();
-        thread_.join();
-    }
-    void fail_next(int n, int status) {
-        std::lock_guard<std::mutex> hold(mu_);
-        plan_.assign(static_cast<size_t>(n), status);
-    }
-    std::vector<std::string> posts() {
-        std::lock_guard<std::mutex> hold(mu_);
-        return bodies_;
-    }
-
-private:
-    httplib::Server server_;
-    int port_ = 0;
-    std::thread thread_;
-    std::mutex mu_;
-    std::vector<int> plan_;
-    std::vector<std::string> bodies_;
-};
-
-// event_report settings: one "event_queue_<list>" section per entry.
-struct ListSettings {
-    int list, buffer_time, buffer_size, policy;
-};
-void write_list_settings(const std::vector<ListSettings> &lists) {
-    std::string text;
-    for (const ListSettings &l : lists)
-        text += "\nconfig event_queue 'event_queue_" + std::to_string(l.list) + "'\n" +
-                "\toption buffer_time '" + std::to_string(l.buffer_time) + "'\n" +
-                "\toption buffer_size '" + std::to_string(l.buffer_size) + "'\n" +
-                "\toption buffer_full_processing '" + std::to_string(l.policy) + "'\n";
-    itest::write_file("/etc/nms_report/event_report", text);
-    update_event_list_buf_timer();
-}
-
-// event_params: the listed types enabled with the given level.
-void enable_types(const std::vector<std::pair<int, int>> &types) {
-    std::string text;
-    for (auto &t : types)
-        text += "\nconfig event '" + std::to_string(t.first) + "'\n\toption enable 'on'\n" +
-                "\toption level '" + std::to_string(t.second) + "'\n";
-    itest::write_file("/etc/nms_report/event_params", text);
-}
-
-// The pipeline's state as start-up leaves it, without the threads that would race the test.
-void init_lists_and_sender() {
-    ASSERT_EQ(g_sigalrm_blocked, 0);
-    uac_lock_module_init();
-    uac_thread_module_init();
-    ASSERT_EQ(init_event_node_list(), 0);
-    ASSERT_EQ(init_nms_event_report(0, nullptr), 0);
-}
-
-nms_event_info info_of(int id, uint64_t time, const char *params) {
-    nms_event_info info{};
-    info.id = id;
-    info.time = time;
-    std::strncpy(info.params, params, sizeof(info.params) - 1);
-    return info;
-}
 
 std::string expected_head() {
     return "{\"projectId\":\"\",\"deviceMac\":\"" + std::string(kMac) +
