@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "nms_cmd.h"
 #include "nms_log.h"
@@ -197,17 +198,22 @@ int get_support_params_list(char *text, int size) noexcept {
         NMS_LOG_ERROR("malloc failed!");
         return -1;
     }
-    int rc = 0;
+    // The commands are copied under the lock and run without it: a command that hangs must
+    // not hold up a registration (on the bus thread) until the time limit ends it.
+    std::vector<statistics_params_support_node> cbs;
     {
         uac::MutexHold hold(gParamsSupportListLocker);
         for (statistics_params_support_node *n = params_support_list_head.next;
              n && n != &params_support_list_tail; n = n->next) {
-            if (n->cb[0] == '\0')
-                continue;
-            if (_get_support_params_list_by_popen(n, text, size, read_buf) != 0) {
-                rc = -1;
-                break;
-            }
+            if (n->cb[0] != '\0')
+                cbs.push_back(*n);
+        }
+    }
+    int rc = 0;
+    for (const statistics_params_support_node &n : cbs) {
+        if (_get_support_params_list_by_popen(&n, text, size, read_buf) != 0) {
+            rc = -1;
+            break;
         }
     }
     NMS_LOG_TRACE("%s:%d::free(%p)\n", __func__, __LINE__, static_cast<void *>(read_buf));

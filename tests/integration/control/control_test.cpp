@@ -465,3 +465,61 @@ TEST(ControlObject, StatisticsParameterRegisteredTimedAndReported)
     EXPECT_EQ(status_of("report_specific_param", "{\"type\":\"probe\"}"), 0);
     EXPECT_TRUE(itest::wait_until([&] { return received(kParams) != after_stop; }));
 }
+
+namespace {
+
+// Resident memory of the daemon in KiB.
+long daemon_rss_kib()
+{
+    auto r = run("grep VmRSS /proc/$(pidof nms_report)/status");
+    std::smatch m;
+    return std::regex_search(r.output, m, std::regex("([0-9]+) kB")) ? std::stol(m[1]) : -1;
+}
+
+}  // namespace
+
+TEST(ControlObject, AHangingSupportedListCommandDoesNotStopTheObject)
+{
+    // A support command that does not end: the list call waits for it, nothing else does.
+    ASSERT_EQ(status_of("get_statistics_parms_reg", "{\"cb\":\"printf a,; sleep 3600\"}"), 0);
+    ASSERT_EQ(run("(ubus -t 120 call nms_report_cache get_statistics_parms_list > /tmp/list.out 2>&1;"
+                  " echo $? > /tmp/list.status) >/dev/null 2>&1 &")
+                  .status,
+              0);
+    // (The bracket keeps pgrep's own shell from matching.)
+    ASSERT_TRUE(itest::wait_until([] { return run("pgrep -f 'slee[p] 3600'").status == 0; }));
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(status_of("print_params_timer"), 0);
+    EXPECT_EQ(status_of("get_statistics_parms_reg", "{\"cb\":\"printf b,\"}"), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 3s);
+    EXPECT_FALSE(itest::file_exists("/tmp/list.status"));
+
+    ASSERT_EQ(run("pkill -f 'slee[p] 3600'").status, 0);
+    ASSERT_TRUE(itest::wait_until([] { return itest::file_exists("/tmp/list.status"); }));
+    // The run took the list as it was when the call came.
+    EXPECT_EQ(itest::read_file("/tmp/list.status"), "255\n");
+    EXPECT_NE(itest::read_file("/tmp/list.out").find("\"param_list\": \"a,\""), std::string::npos)
+        << itest::read_file("/tmp/list.out");
+
+    SCOPED_TRACE("past the time limit the command is ended and the call fails as a failed list");
+    ASSERT_EQ(run("nms_dbg 'nms_cmd_timeout_sec=1'").status, 0);
+    t0 = std::chrono::steady_clock::now();
+    auto list = call("get_statistics_parms_list");
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 10s);
+    EXPECT_EQ(list.status, 255);
+    EXPECT_EQ(list.output.find("param_list"), std::string::npos) << list.output;
+    EXPECT_NE(run("pgrep -f 'slee[p] 3600'").status, 0);
+}
+
+TEST(ControlObject, ListingSupportedParametersAgainAndAgainKeepsMemoryFlat)
+{
+    ASSERT_EQ(status_of("get_statistics_parms_reg", "{\"cb\":\"printf rssi,\"}"), 0);
+    ASSERT_EQ(call("get_statistics_parms_list").status, 255);
+    const long before = daemon_rss_kib();
+    ASSERT_GT(before, 0);
+    ASSERT_EQ(run("for i in $(seq 200); do ubus call nms_report_cache get_statistics_parms_list"
+                  " >/dev/null; done; true").status,
+              0);
+    // 32 KiB a call would be 6.4 MiB.
+    EXPECT_LT(daemon_rss_kib() - before, 1024);
+}

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "cloud_report.h"
+#include "nms_cmd.h"
 #include "report_switch.h"
 #include "stats_persist.h"
 #include "stats_registry.h"
@@ -333,6 +335,35 @@ TEST_F(StatsDevice, SlowOrBadCommandsHoldUpOnlyTheirOwnGroup) {
     std::string told = itest::read_file("/tmp/succ");
     for (const auto &b : bad)
         EXPECT_EQ(told.find(b.first), std::string::npos) << b.first;
+}
+
+TEST_F(StatsDevice, AHangingCommandHoldsUpNeitherTheTimerThreadNorOtherGroups) {
+    nms_cmd_timeout_sec = 2;
+    ASSERT_EQ(insert_params_cb_node("hang", "touch /tmp/hang.started; sleep 3600", "echo hang >> /tmp/succ", "1"),
+              0);
+    ASSERT_EQ(insert_params_cb_node("fine", answer("fine", "f").c_str(), "", "2"), 0);
+    begin_all_statistics_params_timer();
+    ASSERT_TRUE(itest::wait_until([] { return itest::file_exists("/tmp/hang.started"); }));
+
+    // While the command hangs, a timer of the wheel (where the event scan runs) fires on time
+    // and the other group reports.
+    static std::atomic<int> fired{0};
+    auto t0 = std::chrono::steady_clock::now();
+    ASSERT_NE(uac_timer_add(0, 500000, [](void *) noexcept { fired++; }, nullptr, nullptr),
+              UAC_TIMER_INVALID_ID);
+    EXPECT_TRUE(itest::wait_until([] { return fired.load() == 1; }, 1500ms));
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 1500ms);
+    EXPECT_TRUE(wait_reports(1, 5s));
+
+    // The limit ends the command; the group goes on with its next period.
+    std::remove("/tmp/hang.started");
+    EXPECT_TRUE(itest::wait_until([] { return itest::run("pgrep -f 'slee[p] 3600'").status != 0; }, 5s));
+    EXPECT_TRUE(itest::wait_until([] { return itest::file_exists("/tmp/hang.started"); }, 5s));
+    stop_all_statistics_params_timer();
+    EXPECT_EQ(itest::read_file("/tmp/succ").find("hang"), std::string::npos);
+    for (const Report &r : param_reports())
+        EXPECT_EQ(r.body.find("hang"), std::string::npos) << r.body;
+    nms_cmd_timeout_sec = NMS_CMD_TIMEOUT_DEFAULT;
 }
 
 }  // namespace
