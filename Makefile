@@ -5,13 +5,14 @@
 #   make demo   install, build and run the daemon on a simulated device and cloud
 #   make build  plain build and its install tree (build/stage/usr)
 #   make bench  benchmarks (build-bench/), figures in bench/README.md
+#   make fuzz   every fuzz target for FUZZ_SECONDS each (FUZZ_TARGETS picks some)
 JOBS ?= $(shell nproc)
 CMAKE_GEN := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CTEST := ctest --output-on-failure -j$(JOBS)
 
 FUZZ_SECONDS ?= 20
 
-.PHONY: all deps build build-asan build-tsan test test-plain test-asan test-tsan fuzz-short demo bench clean
+.PHONY: all deps build build-asan build-tsan test test-plain test-asan test-tsan fuzz-short fuzz demo bench clean
 
 all: build
 
@@ -45,6 +46,10 @@ test-tsan: build-tsan
 
 fuzz-short: deps
 	scripts/fuzz-short $(FUZZ_SECONDS)
+
+# As long as asked: make fuzz FUZZ_SECONDS=300 [FUZZ_TARGETS="event_frame_fuzz ..."]
+fuzz: deps
+	scripts/fuzz-short $(FUZZ_SECONDS) $(FUZZ_TARGETS)
 
 test: test-plain test-asan fuzz-short test-tsan
 

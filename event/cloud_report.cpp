@@ -164,6 +164,132 @@ extern "C" json_object *jsonParseStr(const char *text) noexcept {
     return json_parse_value(text, nullptr);
 }
 
+namespace {
+
+// A strict reader of JSON as the management service reads it (no comments, no single quotes,
+// no trailing commas, no NaN): each step takes one element at p and returns the position after
+// it, or null.
+class StrictJson {
+public:
+    StrictJson(const char *text, size_t len) : end_(text + len) {}
+    const char *value(const char *p, int depth) const {
+        p = blanks(p);
+        if (p == end_ || depth > kMaxDepth)
+            return nullptr;
+        switch (*p) {
+        case '{': return members(p + 1, depth);
+        case '[': return elements(p + 1, depth);
+        case '"': return string(p);
+        case 't': return word(p, "true");
+        case 'f': return word(p, "false");
+        case 'n': return word(p, "null");
+        default: return number(p);
+        }
+    }
+    const char *blanks(const char *p) const {
+        while (p < end_ && (*p == ' ' || *p == '\t' || *p == '\n' || *p == '\r'))
+            p++;
+        return p;
+    }
+
+private:
+    static constexpr int kMaxDepth = 64;
+    const char *members(const char *p, int depth) const {
+        p = blanks(p);
+        if (p < end_ && *p == '}')
+            return p + 1;
+        for (;;) {
+            p = blanks(p);
+            if (p == end_ || *p != '"' || !(p = string(p)))
+                return nullptr;
+            p = blanks(p);
+            if (p == end_ || *p != ':' || !(p = value(p + 1, depth + 1)))
+                return nullptr;
+            p = blanks(p);
+            if (p == end_)
+                return nullptr;
+            if (*p == '}')
+                return p + 1;
+            if (*p++ != ',')
+                return nullptr;
+        }
+    }
+    const char *elements(const char *p, int depth) const {
+        p = blanks(p);
+        if (p < end_ && *p == ']')
+            return p + 1;
+        for (;;) {
+            if (!(p = value(p, depth + 1)))
+                return nullptr;
+            p = blanks(p);
+            if (p == end_)
+                return nullptr;
+            if (*p == ']')
+                return p + 1;
+            if (*p++ != ',')
+                return nullptr;
+        }
+    }
+    const char *string(const char *p) const {
+        for (p++; p < end_; p++) {
+            unsigned char c = static_cast<unsigned char>(*p);
+            if (c == '"')
+                return p + 1;
+            if (c < 0x20)
+                return nullptr;
+            if (c != '\\')
+                continue;
+            if (++p == end_)
+                return nullptr;
+            if (*p == 'u') {
+                for (int i = 0; i < 4; i++)
+                    if (++p == end_ || !std::isxdigit(static_cast<unsigned char>(*p)))
+                        return nullptr;
+            } else if (!std::strchr("\"\\/bfnrt", *p) || *p == '\0') {
+                return nullptr;
+            }
+        }
+        return nullptr;
+    }
+    const char *word(const char *p, const char *w) const {
+        size_t n = std::strlen(w);
+        return static_cast<size_t>(end_ - p) >= n && std::memcmp(p, w, n) == 0 ? p + n : nullptr;
+    }
+    const char *digits(const char *p) const {
+        const char *start = p;
+        while (p < end_ && *p >= '0' && *p <= '9')
+            p++;
+        return p == start ? nullptr : p;
+    }
+    const char *number(const char *p) const {
+        if (p < end_ && *p == '-')
+            p++;
+        if (p < end_ && *p == '0')
+            p++;
+        else if (!(p = digits(p)))
+            return nullptr;
+        if (p < end_ && *p == '.' && !(p = digits(p + 1)))
+            return nullptr;
+        if (p < end_ && (*p == 'e' || *p == 'E')) {
+            p++;
+            if (p < end_ && (*p == '+' || *p == '-'))
+                p++;
+            if (!(p = digits(p)))
+                return nullptr;
+        }
+        return p;
+    }
+    const char *end_;
+};
+
+}  // namespace
+
+bool json_text_is_strict(const char *text, size_t len) noexcept {
+    StrictJson reader(text, len);
+    const char *p = reader.value(text, 0);
+    return p && reader.blanks(p) == text + len;
+}
+
 json_object *json_parse_value(const char *text, size_t *end) noexcept {
     if (!text) {
         NMS_LOG_ERROR("Buf is NULL!");
@@ -217,11 +343,15 @@ extern "C" int getMacByUbus(char *dst) noexcept {
         NMS_LOG_ERROR("popen exe [%s] failed\n", kMacCmd);
         return -1;
     }
+    return cloud_take_mac(obj.get(), dst);
+}
+
+int cloud_take_mac(json_object *obj, char *dst) noexcept {
     if (!obj) {
         NMS_LOG_ERROR("get jsonrpc obj failed.");
         return -1;
     }
-    const char *mac = getValueFromJsonObj(obj.get(), "mac");
+    const char *mac = getValueFromJsonObj(obj, "mac");
     if (!dst || !mac || std::strlen(mac) != CLOUD_MAC_LEN) {
         NMS_LOG_ERROR("device info is incomplete, return error!");
         return -1;
@@ -242,11 +372,15 @@ extern "C" int local_update_site_id(void) noexcept {
         NMS_LOG_ERROR("popen exe [%s] failed\n", kSiteCmd);
         return -1;
     }
+    return cloud_take_site_id(obj.get());
+}
+
+int cloud_take_site_id(json_object *obj) noexcept {
     if (!obj) {
         NMS_LOG_ERROR("get jsonrpc obj failed.");
         return -1;
     }
-    const char *site = getValueFromJsonObj(obj.get(), "site_id");
+    const char *site = getValueFromJsonObj(obj, "site_id");
     if (!site || !*site) {
         NMS_LOG_ERROR("device info is incomplete, return error!");
         return -1;

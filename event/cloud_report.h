@@ -53,8 +53,19 @@ int cloud_report_send_info(char *text, uint32_t retries, int32_t *result) noexce
 // ignored by the parse; callers that pass the text on keep only the value.
 json_object *json_parse_value(const char *text, size_t *end) noexcept;
 
+// Whether the len characters at text are one JSON value as the strict grammar has it (the
+// parser above also takes comments, single quotes, trailing commas and NaN, which the
+// management service's reader refuses).
+bool json_text_is_strict(const char *text, size_t len) noexcept;
+
 // Puts the identity head {"projectId":..,"deviceMac":..,"deviceType":.. without its closing
 // brace in front of the text held in buf (which must begin with a comma) and closes the object.
 // buf needs room for the head, the text and one more character, with zeros after the text.
 // 0, or -1 when the identity or the JSON object cannot be made (the text is then unchanged).
 int cloud_params_splice(char *buf) noexcept;
+
+// The steps of getMacByUbus and local_update_site_id after their command: take the MAC (into
+// dst, CLOUD_MAC_LEN + 1 bytes) or the site id from the parsed output. 0, or -1 with the
+// messages of the callers.
+int cloud_take_mac(json_object *obj, char *dst) noexcept;
+int cloud_take_site_id(json_object *obj) noexcept;

@@ -66,6 +66,8 @@ extern "C" int msg_handle_dispatch(nms_event_msg *frame, int list) noexcept {
         return -1;
     }
     size_t len = strnlen(frame->params, sizeof(frame->params));
+    const char *params = frame->params;
+    char rewritten[NMS_EVENT_PARAMS_MAX];
     if (len > 0) {
         JsonPtr parsed;
         size_t end = len;
@@ -75,10 +77,25 @@ extern "C" int msg_handle_dispatch(nms_event_msg *frame, int list) noexcept {
             NMS_LOG_ERROR("event params not a json obj string, like {\"xx\":\"xx\"}!");
             return -1;
         }
-        // The check accepts a value followed by other text. The event keeps only the value:
-        // the params go into the report as they stand, and text after the value (such as
-        // `{}]}]}},{"x":1`) would break the JSON of the whole report and every event in it.
-        len = end;
+        // The check accepts a value followed by other text, and the parser's extensions
+        // (comments, single quotes, trailing commas). The params go into the report as they
+        // stand, where either would break the JSON of the whole report and of every event in
+        // it (`{}]}]}},{"x":1`, `1//x`). So the event keeps only the value: its own text when
+        // that is strict JSON, else the value written out again by the JSON library.
+        len = end < len ? end : len;
+        if (!json_text_is_strict(frame->params, len)) {
+            const char *text = json_object_to_json_string_ext(
+                parsed.get(), JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
+            size_t text_len = text ? std::strlen(text) : 0;
+            if (!text || text_len >= NMS_EVENT_PARAMS_MAX ||
+                !json_text_is_strict(text, text_len)) {
+                NMS_LOG_ERROR("event params not a json obj string, like {\"xx\":\"xx\"}!");
+                return -1;
+            }
+            std::memcpy(rewritten, text, text_len + 1);
+            params = rewritten;
+            len = text_len;
+        }
     }
     auto *info = static_cast<nms_event_info *>(MEM_GUARD_ALLOC(sizeof(nms_event_info)));
     if (!info) {
@@ -88,7 +105,7 @@ extern "C" int msg_handle_dispatch(nms_event_msg *frame, int list) noexcept {
     std::memset(info, 0, sizeof(*info));
     info->id = frame->id;
     info->time = frame->time;
-    std::memcpy(info->params, frame->params, len);
+    std::memcpy(info->params, params, len);
     NMS_LOG_DEBUG("list_id:%d msg_handle_dispatch====%d  %llu  %s\r\n", list, info->id,
                   static_cast<unsigned long long>(info->time), info->params);
     // Below the threshold nothing is ever replaced; at or above it the list's policy decides

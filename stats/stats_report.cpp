@@ -132,6 +132,57 @@ void report_statistics_params_success(statistics_params_cb_node *node,
     node->param_action = 0;
 }
 
+int report_statistics_params_page(statistics_params_cb_node *node, report_result_info *info,
+                                  const char *out, int32_t *remain_len, size_t *read_size) noexcept {
+    JsonPtr obj(jsonParseStr(out));
+    if (!obj) {
+        NMS_LOG_ERROR("cmd:%s error return not a json obj!\n", node->get_cb);
+        return 0;
+    }
+    const char *cont = getValueFromJsonObj(obj.get(), "continue");
+    if (!cont) {
+        NMS_LOG_ERROR("invalid return value for:%s\n", node->get_cb);
+        return 0;
+    }
+    const char *report_buf = getValueFromJsonObj(obj.get(), "report_buf");
+    if (!report_buf) {
+        NMS_LOG_ERROR("cmd:%s error return not a json obj!\n", node->get_cb);
+        return 0;
+    }
+    const std::string member = member_text(report_buf);
+    *remain_len -= static_cast<int32_t>(member.size());
+    NMS_LOG_DEBUG("ret_str{%s} report_result_info->buf is %s remain_len:%d\n", member.c_str(),
+                  info->buf, *remain_len);
+
+    size_t len = strnlen(info->buf, sizeof(info->buf));
+    bool fits = len + 1 + member.size() + kSpliceRoom < sizeof(info->buf);
+    if (*remain_len >= 0 && fits) {
+        // The next page is read up to the length the text had before this append;
+        // paging commands rely on pages no longer than what was gathered before them.
+        *read_size = len < STATS_READ_BUF_LEN ? len : STATS_READ_BUF_LEN;
+        info->buf[len] = ',';
+        std::memcpy(info->buf + len + 1, member.c_str(), member.size() + 1);
+        NMS_LOG_DEBUG("report_result_info->buf is {%s} remain_len:%d\n", info->buf, *remain_len);
+    } else {
+        // Budget spent: send what was gathered, start the success commands due so far,
+        // and go on with this member as the start of a fresh text. remain_len is not
+        // reset, so every later member of this run is sent on its own the same way.
+        info->status = statistics_params_report_handle(info->buf, info->force);
+        report_statistics_params_success(node, info);
+        const bool started = run_success_text(info->success_cmd);
+        std::printf("test succes cmd:%s \r\n", info->success_cmd);
+        std::fflush(stdout);
+        if (!started) {
+            NMS_LOG_ERROR("popen exe [%s] failed\n", info->success_cmd);
+            return 0;
+        }
+        std::memset(info->buf, 0, sizeof(info->buf));
+        std::memcpy(info->buf, member.c_str(), member.size() + 1);
+    }
+    node->param_action = 1;
+    return std::strcmp(cont, "true") == 0 ? 1 : 0;
+}
+
 void report_statistics_params_prepare(statistics_params_cb_node *node,
                                       report_result_info *info) noexcept {
     if (!node || !info) {
@@ -171,53 +222,7 @@ void report_statistics_params_prepare(statistics_params_cb_node *node,
             return;
         NMS_LOG_DEBUG("get report info by ubus, buf is %s remain_len:%d\n", out.get(), remain_len);
 
-        JsonPtr obj(jsonParseStr(out.get()));
-        if (!obj) {
-            NMS_LOG_ERROR("cmd:%s error return not a json obj!\n", node->get_cb);
-            return;
-        }
-        const char *cont = getValueFromJsonObj(obj.get(), "continue");
-        if (!cont) {
-            NMS_LOG_ERROR("invalid return value for:%s\n", node->get_cb);
-            return;
-        }
-        const char *report_buf = getValueFromJsonObj(obj.get(), "report_buf");
-        if (!report_buf) {
-            NMS_LOG_ERROR("cmd:%s error return not a json obj!\n", node->get_cb);
-            return;
-        }
-        const std::string member = member_text(report_buf);
-        remain_len -= static_cast<int32_t>(member.size());
-        NMS_LOG_DEBUG("ret_str{%s} report_result_info->buf is %s remain_len:%d\n", member.c_str(),
-                      info->buf, remain_len);
-
-        size_t len = strnlen(info->buf, sizeof(info->buf));
-        bool fits = len + 1 + member.size() + kSpliceRoom < sizeof(info->buf);
-        if (remain_len >= 0 && fits) {
-            // The next page is read up to the length the text had before this append;
-            // paging commands rely on pages no longer than what was gathered before them.
-            read_size = len < STATS_READ_BUF_LEN ? len : STATS_READ_BUF_LEN;
-            info->buf[len] = ',';
-            std::memcpy(info->buf + len + 1, member.c_str(), member.size() + 1);
-            NMS_LOG_DEBUG("report_result_info->buf is {%s} remain_len:%d\n", info->buf, remain_len);
-        } else {
-            // Budget spent: send what was gathered, start the success commands due so far,
-            // and go on with this member as the start of a fresh text. remain_len is not
-            // reset, so every later member of this run is sent on its own the same way.
-            info->status = statistics_params_report_handle(info->buf, info->force);
-            report_statistics_params_success(node, info);
-            const bool started = run_success_text(info->success_cmd);
-            std::printf("test succes cmd:%s \r\n", info->success_cmd);
-            std::fflush(stdout);
-            if (!started) {
-                NMS_LOG_ERROR("popen exe [%s] failed\n", info->success_cmd);
-                return;
-            }
-            std::memset(info->buf, 0, sizeof(info->buf));
-            std::memcpy(info->buf, member.c_str(), member.size() + 1);
-        }
-        node->param_action = 1;
-        if (std::strcmp(cont, "true") != 0)
+        if (report_statistics_params_page(node, info, out.get(), &remain_len, &read_size) != 1)
             return;
     }
 }

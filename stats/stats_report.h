@@ -50,6 +50,11 @@ int report_statistics_params(statistics_params_timer_entry *group) noexcept;
 // info, sending early when the budget is spent.
 void report_statistics_params_prepare(statistics_params_cb_node *node,
                                       report_result_info *info) noexcept;
+// One page of a get command's output, out (terminated), taken into info: checked, its members
+// appended (or, past the budget, what was gathered sent first). remain_len and read_size are
+// the run's counters. 1 when the command asks to be run again, 0 when this node is done.
+int report_statistics_params_page(statistics_params_cb_node *node, report_result_info *info,
+                                  const char *out, int32_t *remain_len, size_t *read_size) noexcept;
 // Appends node's success command to info when the node delivered (param_action 1), then
 // clears param_action.
 void report_statistics_params_success(statistics_params_cb_node *node,

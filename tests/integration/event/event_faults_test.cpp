@@ -216,6 +216,8 @@ TEST_F(EventFaults, OnlyTheJsonValueOfTheParamsGoesIntoTheReport) {
         {"\"text\" 12", "\"text\""},
         {"  {\"b\":true}\t", "  {\"b\":true}"},
         {"17", "17"},
+        {"{\"a\":1 /* note */}", "{\"a\":1}"},
+        {"[1,2,]", "[1,2]"},
     };
     for (const auto &c : cases) {
         nms_event_msg frame{};
@@ -227,7 +229,7 @@ TEST_F(EventFaults, OnlyTheJsonValueOfTheParamsGoesIntoTheReport) {
     {
         NmsEventHold hold(gNmsEventNodeListLocker[3]);
         int i = 0;
-        for (nms_event_node *n = get_list_first_node(3); n && i < 5;
+        for (nms_event_node *n = get_list_first_node(3); n && i < 7;
              n = get_list_node(3, static_cast<int>(n->node_id), -1), i++)
             EXPECT_STREQ(n->params, cases[i].second);
     }

@@ -180,3 +180,14 @@ TEST(JsonUtil, MemberValuesAsText) {
 }
 
 }  // namespace
+
+TEST(StrictJson, TakesStandardJsonAndRefusesTheParsersExtensions) {
+    const char *good[] = {"{}", "17", "-0.5e+3", "\"a\\u00e9\\n\"", " [1, {\"a\":[true,null]}] ",
+                          "{\"k\":\"a/b\"}", "0", "[]"};
+    for (const char *t : good)
+        EXPECT_TRUE(json_text_is_strict(t, std::strlen(t))) << t;
+    const char *bad[] = {"{\"a\":1 /*c*/}", "1//x", "{'a':1}", "[1,]", "NaN", "{a:1}", "01",
+                         "1.", "\"tab\there\"", "\"\\x\"", "{}}", "", "[", "\"\\u12\""};
+    for (const char *t : bad)
+        EXPECT_FALSE(json_text_is_strict(t, std::strlen(t))) << t;
+}
