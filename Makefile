@@ -6,13 +6,14 @@
 #   make build  plain build and its install tree (build/stage/usr)
 #   make bench  benchmarks (build-bench/), figures in bench/README.md
 #   make fuzz   every fuzz target for FUZZ_SECONDS each (FUZZ_TARGETS picks some)
+#   make soak   the daemon under traffic for SOAK_SECONDS (1200), memory checked
 JOBS ?= $(shell nproc)
 CMAKE_GEN := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CTEST := ctest --output-on-failure -j$(JOBS)
 
 FUZZ_SECONDS ?= 20
 
-.PHONY: all deps build build-asan build-tsan test test-plain test-asan test-tsan fuzz-short fuzz demo bench clean
+.PHONY: all deps build build-asan build-tsan test test-plain test-asan test-tsan fuzz-short fuzz soak demo bench clean
 
 all: build
 
@@ -55,6 +56,11 @@ test: test-plain test-asan fuzz-short test-tsan
 
 demo: build
 	scripts/demo
+
+# A long run under traffic that checks the daemon's memory stays flat: make soak SOAK_SECONDS=N
+SOAK_SECONDS ?= 1200
+soak: build
+	scripts/soak $(SOAK_SECONDS)
 
 bench: deps
 	cmake -S . -B build-bench $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DNMS_BUILD_BENCH=ON
