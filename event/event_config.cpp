@@ -16,6 +16,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -65,21 +66,29 @@ int to_int(const char *text)
 //
 // The dispatch workers ask for a type's settings once per event; loading and
 // parsing event_params for each of them cost most of a worker's time. The
-// answers must still follow the files on disk at the moment of every query
-// (another process may rewrite the package, or a `uci set` may leave an
-// uncommitted delta). So the parsed package is kept together with the identity
-// of every file a load reads: the package file and its delta file in each
-// directory of the delta search path (the default save directory and
-// "/etc/nms_report.uci"). Every query stats those files once; when any identity
-// differs from the one the cached values were loaded under, the package is
-// loaded again.
+// answers must still follow the files on disk (another process may rewrite the
+// package, or a `uci set` may leave an uncommitted delta): a change written
+// before an event was sent must be seen when that event is handled. So the
+// parsed package is kept, and the kernel tells of changes to the files a load
+// reads (the package file and its delta file in each directory of the delta
+// search path: the default save directory and "/etc/nms_report.uci") through
+// inotify watches on their directories. Every notice bumps a generation; the
+// cache is loaded again when the generation differs from the one it was loaded
+// under.
 //
-// Identity is existence, device, inode, size, and modification and change
-// times with nanoseconds. A rewrite in place that keeps the size and lands in
-// the same timestamp tick as the previous write (the kernel's file clock is
-// coarse, a few ms) is not noticed until the next change; that is accepted.
-// libuci's own writes never do that: a commit renames a new file over the
-// package (new inode) and a save appends to the delta file (new size).
+// The notices are read without blocking, by whoever is about to query: a
+// dispatch worker's receive loop reads them once per round, after it has
+// counted the messages it will take (each of them was sent before that count,
+// so a write that ended before its send has queued its notice by then), and
+// again after waiting for a message on an empty queue; every other thread reads
+// them at each query. A burst of events thus costs no system call per event.
+//
+// Where the kernel gives no watch (no inotify, too many directories to watch),
+// each query instead compares the identities of the files (existence, device,
+// inode, size, modification and change times with nanoseconds) with the ones
+// the cache was loaded under. A rewrite in place that keeps the size and lands
+// in the same timestamp tick as the previous write is not noticed that way
+// until the next change; that is accepted there.
 
 constexpr size_t kMaxWatchedFiles = 4;  // package + delta files; the path holds two
 
@@ -160,6 +169,140 @@ FileId file_id(const std::string &path)
     return id;
 }
 
+// Change notices of the watched files' directories. A directory that does not
+// exist yet (the save directory appears with the first `uci set`) is waited for
+// through a watch on its parent.
+class SettingsWatch {
+public:
+    // Sets up the watches; false when the kernel offers none, and then never true.
+    bool start(const std::vector<std::string> &files)
+    {
+        std::lock_guard<std::mutex> hold(mu_);
+        if (fd_ >= 0)
+            return true;
+        if (files.empty())
+            return false;
+        fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        if (fd_ < 0)
+            return false;
+        for (const std::string &f : files) {
+            size_t slash = f.rfind('/');
+            Dir d;
+            d.path = f.substr(0, slash);
+            name_ = f.substr(slash + 1);
+            bool seen = false;
+            for (const Dir &o : dirs_)
+                seen = seen || o.path == d.path;
+            if (seen)
+                continue;
+            size_t up = d.path.rfind('/');
+            d.parent = up == 0 ? "/" : d.path.substr(0, up);
+            d.child = d.path.substr(up + 1);
+            dirs_.push_back(d);
+        }
+        for (Dir &d : dirs_) {
+            if (!watch_dir(d)) {
+                close(fd_);
+                fd_ = -1;
+                return false;
+            }
+        }
+        return true;
+    }
+
+    // Reads the notices queued so far, without blocking; a change to a watched
+    // file bumps the generation.
+    void poll()
+    {
+        std::lock_guard<std::mutex> hold(mu_);
+        if (fd_ < 0)
+            return;
+        alignas(inotify_event) char buf[4096];
+        for (;;) {
+            ssize_t n = read(fd_, buf, sizeof buf);
+            if (n <= 0)
+                return;
+            for (ssize_t at = 0; at < n;) {
+                const auto *ev = reinterpret_cast<const inotify_event *>(buf + at);
+                take(*ev);
+                at += static_cast<ssize_t>(sizeof(inotify_event) + ev->len);
+            }
+        }
+    }
+
+    bool active() const { return fd_active_.load(std::memory_order_acquire); }
+    uint64_t generation() const { return gen_.load(std::memory_order_acquire); }
+
+private:
+    struct Dir {
+        std::string path, parent, child;
+        int wd = -1;         // watch on the directory itself
+        int parent_wd = -1;  // watch on its parent while it does not exist
+    };
+    static constexpr uint32_t kDirEvents = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE |
+                                           IN_MOVED_TO | IN_MOVED_FROM | IN_ATTRIB |
+                                           IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+    static constexpr uint32_t kParentEvents = IN_CREATE | IN_MOVED_TO | IN_ONLYDIR;
+
+    // Watches d, or its parent while d is missing. False when neither can be watched.
+    bool watch_dir(Dir &d)
+    {
+        d.wd = inotify_add_watch(fd_, d.path.c_str(), kDirEvents);
+        if (d.wd >= 0) {
+            fd_active_.store(true, std::memory_order_release);
+            return true;
+        }
+        d.parent_wd = inotify_add_watch(fd_, d.parent.c_str(), kParentEvents);
+        if (d.parent_wd < 0)
+            return false;
+        // Made between the two calls: watch it after all.
+        if (access(d.path.c_str(), F_OK) == 0) {
+            d.wd = inotify_add_watch(fd_, d.path.c_str(), kDirEvents);
+            if (d.wd < 0)
+                return false;
+        }
+        fd_active_.store(true, std::memory_order_release);
+        return true;
+    }
+
+    void bump() { gen_.fetch_add(1, std::memory_order_acq_rel); }
+
+    void take(const inotify_event &ev)
+    {
+        if (ev.mask & IN_Q_OVERFLOW) {
+            bump();  // notices were lost: assume a change
+            return;
+        }
+        for (Dir &d : dirs_) {
+            if (ev.wd == d.wd && d.wd >= 0) {
+                if (ev.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) {
+                    // The directory went away: wait for it again through its parent.
+                    d.wd = -1;
+                    bump();
+                    watch_dir(d);
+                } else if (ev.len && name_ == ev.name) {
+                    bump();
+                }
+            } else if (ev.wd == d.parent_wd && d.wd < 0 && ev.len && d.child == ev.name) {
+                d.wd = inotify_add_watch(fd_, d.path.c_str(), kDirEvents);
+                bump();  // it may already hold the file
+            }
+        }
+    }
+
+    std::mutex mu_;  // one reader of the notices at a time; guards the fields below
+    int fd_ = -1;
+    std::string name_;
+    std::vector<Dir> dirs_;
+    std::atomic<bool> fd_active_{false};
+    std::atomic<uint64_t> gen_{1};
+};
+
+SettingsWatch g_watch;
+
+// Set on a dispatch worker's thread: its receive loop reads the notices for it.
+thread_local bool t_loop_polls = false;
+
 // The string options of the package, keyed by "<section>\0<option>". A list
 // option is left out, as is everything of a package that fails to load, so
 // that a lookup fails exactly where a direct read fails.
@@ -206,7 +349,8 @@ bool load_type_values(TypeValues &values)
 struct TypeCache {
     std::mutex mu;
     bool loaded = false;
-    FilesKey key;
+    uint64_t gen = 0;  // the watch's generation the values were loaded under
+    FilesKey key;      // or, without a watch, the files' identities
     TypeValues values;
 };
 TypeCache g_type_cache;
@@ -237,14 +381,22 @@ CacheRead cached_type_option(const char *section, const char *option, char *dst,
     const std::vector<std::string> &files = watched_files();
     if (files.empty())
         return CacheRead::unavailable;
+    static const bool watching = g_watch.start(files);
     // Taken before any load, so values loaded later are never older than it:
     // a change after this point shows as a different key at the next query.
     FilesKey now;
-    for (const std::string &f : files)
-        now.ids[now.count++] = file_id(f);
+    uint64_t gen = 0;
+    if (watching) {
+        if (!t_loop_polls)
+            g_watch.poll();
+        gen = g_watch.generation();
+    } else {
+        for (const std::string &f : files)
+            now.ids[now.count++] = file_id(f);
+    }
     {
         std::lock_guard<std::mutex> hold(g_type_cache.mu);
-        if (g_type_cache.loaded && g_type_cache.key == now)
+        if (g_type_cache.loaded && g_type_cache.gen == gen && g_type_cache.key == now)
             return lookup(g_type_cache.values, section, option, dst, dst_size);
     }
     TypeValues fresh;
@@ -254,6 +406,7 @@ CacheRead cached_type_option(const char *section, const char *option, char *dst,
     {
         std::lock_guard<std::mutex> hold(g_type_cache.mu);
         g_type_cache.values.swap(fresh);
+        g_type_cache.gen = gen;
         g_type_cache.key = now;
         g_type_cache.loaded = true;
     }
@@ -278,6 +431,17 @@ bool read_type_option(int id, const char *option, char *dst, size_t dst_size)
 }
 
 }  // namespace
+
+void event_settings_loop_polls(void) noexcept
+{
+    t_loop_polls = true;
+}
+
+void event_settings_look(void) noexcept
+{
+    if (g_watch.active())
+        g_watch.poll();
+}
 
 void update_event_list_buf_timer(void) noexcept
 {

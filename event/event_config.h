@@ -47,3 +47,11 @@ int get_event_list_id(int id) noexcept;
 int get_statistics_params_timebuff(const char *section) noexcept;
 
 }  // extern "C"
+
+// Changes to the per-type settings are learnt from the kernel and read by whoever queries.
+// A dispatch worker's receive loop marks its thread with event_settings_loop_polls and then
+// calls event_settings_look where a change written before the messages it takes was sent must
+// be seen: after counting a round's messages, and after waiting for one on an empty queue.
+// Queries on that thread then make no system call of their own.
+void event_settings_loop_polls(void) noexcept;
+void event_settings_look(void) noexcept;

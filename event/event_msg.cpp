@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "event_config.h"
 #include "nms_log.h"
 
 std::atomic<int32_t> gNmsEventMsgId[8] = {{-1}, {-1}, {-1}, {-1}, {-1}, {-1}, {-1}, {-1}};
@@ -83,6 +84,7 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
     if (gNmsEventMsgId[list].load(std::memory_order_relaxed) == -1)
         init_nms_event_msg(list);
     NMS_LOG_DEBUG("recv_notify_nms_event");
+    event_settings_loop_polls();
     nms_event_msg &frame = g_frame[list];
     int max_len = 0;
     for (;;) {
@@ -96,6 +98,10 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
         }
         int batch = state.msg_qnum > 0 ? static_cast<int>(state.msg_qnum) : 1;
         g_backlog[list].store(batch, std::memory_order_relaxed);
+        // Every message of this round was sent before the count above: settings written
+        // before any of them are known from here on.
+        event_settings_look();
+        const bool was_empty = state.msg_qnum == 0;
         while (ready && ready(list) == -1)
             usleep(kRetryUs);
         for (int index = 0; index < batch; index++) {
@@ -126,6 +132,9 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
                 usleep(kRetryUs);
                 continue;
             }
+            // Waited for on an empty queue: it was sent after the round's look.
+            if (was_empty)
+                event_settings_look();
             reinterpret_cast<char *>(&frame)[NMS_EVENT_MSG_FRAME_SIZE - 1] = '\0';
             const char *text = reinterpret_cast<const char *>(&frame) + offsetof(nms_event_msg, id);
             int len = static_cast<int>(strlen(text));

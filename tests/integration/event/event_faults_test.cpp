@@ -283,3 +283,62 @@ TEST_F(EventFaults, AsynchronousSendsUseFewThreadsAndAllArrive) {
 }
 
 }  // namespace
+
+namespace {
+
+void write_type_61(const char *enable) {
+    itest::write_file("/etc/nms_report/event_params",
+                      std::string("\nconfig event '61'\n\toption enable '") + enable +
+                          "'\n\toption level '6'\n\nconfig event '62'\n\toption enable 'on'\n"
+                          "\toption level '6'\n");
+}
+
+TEST_F(EventFaults, SettingsWrittenBeforeAnEventAreTheOnesItMeets) {
+    write_list_settings({{6, 600, 6000, 1}});
+    write_type_61("on");
+    static int list = 6;
+    ASSERT_EQ(init_nms_event_msg(list), 0);
+    start_receive_loop(&list);
+    int held = 0;
+    // Each round writes the setting, then sends type 61 and a marker that is always taken;
+    // once the marker is in the list, 61 was handled before it, under the new setting.
+    for (int round = 0; round < 120; round++) {
+        const bool on = round % 2 == 0;
+        switch (round % 6) {
+        case 0: case 1: case 2: case 3:
+            // The uci tool's delta of earlier rounds would override the file: drop it first.
+            if (round % 6 == 0 && round > 0) {
+                ASSERT_EQ(itest::run("uci -c /etc/nms_report revert event_params").status, 0);
+            }
+            // Rewritten in place: "on" and "of" have the same length, so size and, within
+            // one clock tick, the times stay as they were.
+            {
+                std::FILE *f = std::fopen("/etc/nms_report/event_params", "r+");
+                ASSERT_NE(f, nullptr);
+                std::string text = itest::read_file("/etc/nms_report/event_params");
+                size_t at = text.find("enable '");
+                ASSERT_NE(at, std::string::npos);
+                std::fseek(f, static_cast<long>(at + 8), SEEK_SET);
+                std::fputs(on ? "on" : "of", f);
+                std::fclose(f);
+            }
+            break;
+        default:
+            // An uncommitted change through the uci tool (a delta in its save directory).
+            ASSERT_EQ(itest::run(std::string("uci -c /etc/nms_report set event_params.61.enable=") +
+                                 (on ? "on" : "of"))
+                          .status,
+                      0);
+        }
+        send_frame(6, 61, seq_params(round));
+        send_frame(6, 62, "{}");
+        held += 2;
+        int want = held - (on ? 0 : 1);
+        ASSERT_TRUE(itest::wait_until([&] { return get_list_total_node(6) == want; }, 5s))
+            << "round " << round << (on ? " (on)" : " (off)") << ": " << get_list_total_node(6)
+            << " held, " << want << " expected";
+        held = want;
+    }
+}
+
+}  // namespace
