@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -623,13 +624,37 @@ uloop_timeout ubus_reconnect_timer = [] {
 
 // ---- The bus thread ---------------------------------------------------------------------
 
+namespace {
+
+// The specified socket, or, where it does not exist, the library's default (current OpenWrt
+// brokers listen on /var/run/ubus/ubus.sock and may not keep the old path as a link).
+const char *bus_socket() noexcept
+{
+    return access(kBusSocket, F_OK) == 0 ? kBusSocket : nullptr;
+}
+
+// The bus library sets up its event loop on the first connection, and the loop takes SIGINT
+// and SIGTERM to end itself; the daemon installs no handler, so both end the process as
+// their default action does (procd stops a service with SIGTERM). Put back after the loop
+// is set up.
+void keep_default_termination() noexcept
+{
+    struct sigaction dfl {};
+    dfl.sa_handler = SIG_DFL;
+    sigemptyset(&dfl.sa_mask);
+    sigaction(SIGINT, &dfl, nullptr);
+    sigaction(SIGTERM, &dfl, nullptr);
+}
+
+}  // namespace
+
 extern "C" void ubus_connection_lost(ubus_context *) noexcept
 {
     if (!ubus_ctx) {
         NMS_LOG_ERROR("ubus_ctx is NULL");
         return;
     }
-    if (ubus_reconnect(ubus_ctx, kBusSocket) == 0) {
+    if (ubus_reconnect(ubus_ctx, bus_socket()) == 0) {
         // The object is published again by the reconnect, under new ids.
         NMS_LOG_DEBUG("reconnected to ubus, new id: %08x\n", ubus_ctx->local_id);
         uloop_fd_add(&ubus_ctx->sock, kLoopFlags);
@@ -641,9 +666,13 @@ extern "C" void ubus_connection_lost(ubus_context *) noexcept
 
 extern "C" int ubus_init(void) noexcept
 {
+    // The event loop must not reap children: other threads run commands and wait for them
+    // (popen, system, waitpid), and a loop that reaps every child takes theirs away.
+    uloop_handle_sigchld = false;
     // The broker may start after the daemon: give it a few seconds.
     for (int attempt = 0; attempt < kConnectAttempts; attempt++) {
-        ubus_ctx = ubus_connect(kBusSocket);
+        ubus_ctx = ubus_connect(bus_socket());
+        keep_default_termination();
         if (ubus_ctx)
             return 0;
         sleep(1);
@@ -678,6 +707,7 @@ extern "C" void *handleUbusEvent(void *) noexcept
     // The object is published before the loop exists; calls that arrive meanwhile
     // wait in the socket until the loop runs.
     uloop_init();
+    keep_default_termination();
     uloop_fd_add(&ubus_ctx->sock, kLoopFlags);
     if (!param_list_wake_init())
         NMS_LOG_ERROR("param list wake pipe failed, the list is answered on the bus thread.");

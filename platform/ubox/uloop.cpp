@@ -106,7 +106,9 @@ void drain_waker(uloop_fd *u, unsigned int)
 	}
 }
 
-// Takes a signal only where nobody else handles it.
+// Takes a signal only where nobody else handles it. As upstream, without
+// SA_RESTART: a blocking call on any thread of the process that the signal
+// lands on returns EINTR.
 void install(SavedSignal &s, void (*handler)(int))
 {
 	struct sigaction old {};
@@ -117,22 +119,11 @@ void install(SavedSignal &s, void (*handler)(int))
 	struct sigaction sa {};
 	sa.sa_handler = handler;
 	sigemptyset(&sa.sa_mask);
-	// SA_RESTART: the process's other threads must not see EINTR because
-	// the loop thread wants to hear about a child or a stop request.
-	sa.sa_flags = SA_RESTART;
+	sa.sa_flags = 0;
 	if (sigaction(s.signo, &sa, nullptr) == 0) {
 		s.old = old;
 		s.installed = true;
 	}
-}
-
-// SIGCHLD is taken only once a child is watched: a handler would make
-// msgrcv, sleeps and other blocking calls on the process's other threads
-// return EINTR each time one of their popen or system children exits.
-void watch_children()
-{
-	if (uloop_handle_sigchld && g_poll_fd >= 0 && !g_saved[2].installed)
-		install(g_saved[2], on_sigchld);
 }
 
 void restore_signals()
@@ -179,21 +170,29 @@ void process_timeouts()
 	}
 }
 
-// Reaps only the watched children, so a child run by popen or system on
-// another thread is left to the pclose or waitpid that expects it.
+// As upstream: every child of the process is reaped here, watched or not, so
+// a child that popen, system or a waitpid on another thread waits for is
+// taken from under it (they then fail with ECHILD). A program that runs
+// commands on other threads clears uloop_handle_sigchld before uloop_init.
 void process_children()
 {
 	if (!g_sigchld.exchange(0, std::memory_order_relaxed))
 		return;
-	uloop_process *p, *n;
-	list_for_each_entry_safe(p, n, &g_processes, list) {
+	for (;;) {
 		int status = 0;
-		pid_t r = waitpid(p->pid, &status, WNOHANG);
-		if (r == 0 || (r < 0 && errno == EINTR))
+		pid_t r = waitpid(-1, &status, WNOHANG);
+		if (r < 0 && errno == EINTR)
 			continue;
-		uloop_process_delete(p);
-		if (p->cb)
-			p->cb(p, r < 0 ? -1 : status);
+		if (r <= 0)
+			return;
+		uloop_process *p, *n;
+		list_for_each_entry_safe(p, n, &g_processes, list) {
+			if (p->pid != r)
+				continue;
+			uloop_process_delete(p);
+			if (p->cb)
+				p->cb(p, status);
+		}
 	}
 }
 
@@ -264,8 +263,8 @@ int uloop_init(void) noexcept
 	}
 	install(g_saved[0], on_terminate);
 	install(g_saved[1], on_terminate);
-	if (!list_empty(&g_processes))
-		watch_children();
+	if (uloop_handle_sigchld)
+		install(g_saved[2], on_sigchld);
 	struct sigaction old {};
 	if (sigaction(SIGPIPE, nullptr, &old) == 0 && !(old.sa_flags & SA_SIGINFO) &&
 	    old.sa_handler == SIG_DFL) {
@@ -458,7 +457,6 @@ int uloop_process_add(uloop_process *p) noexcept
 		return -1;
 	list_add_tail(&p->list, &g_processes);
 	p->pending = true;
-	watch_children();
 	// The child may already have exited before it was watched.
 	g_sigchld.store(1, std::memory_order_relaxed);
 	return 0;

@@ -730,6 +730,9 @@ extern "C" {
 
 int ubus_connect_ctx(struct ubus_context *ctx, const char *path) noexcept
 {
+    // As upstream: every connection sets up the event loop first, with its signal
+    // handling (SIGINT, SIGTERM, SIGCHLD unless uloop_handle_sigchld is cleared).
+    uloop_init();
     memset(ctx, 0, sizeof(*ctx));
     INIT_LIST_HEAD(&ctx->requests);
     INIT_LIST_HEAD(&ctx->pending);

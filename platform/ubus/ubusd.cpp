@@ -698,6 +698,17 @@ void usage(const char *prog)
 
 }  // namespace
 
+// As upstream: the folder of the default socket is made whatever socket is used.
+static void mkdir_sockdir()
+{
+    std::string dir = UBUS_UNIX_SOCKET;
+    size_t slash = dir.rfind('/');
+    if (slash != std::string::npos && slash > 0) {
+        dir.resize(slash);
+        mkdir(dir.c_str(), 0755);
+    }
+}
+
 int main(int argc, char **argv)
 {
     const char *path = UBUS_UNIX_SOCKET;
@@ -717,6 +728,7 @@ int main(int argc, char **argv)
             return 1;
         }
     }
+    mkdir_sockdir();
     Broker broker;
     return broker.run(path);
 }

@@ -12,9 +12,10 @@
 #define UBUS_NOEXCEPT
 #endif
 
-/* Where the broker listens and where clients connect when given no path. */
+/* Where the broker listens and where clients connect when given no path: the
+ * path current OpenWrt builds with (older releases used /var/run/ubus.sock). */
 #ifndef UBUS_UNIX_SOCKET
-#define UBUS_UNIX_SOCKET "/var/run/ubus.sock"
+#define UBUS_UNIX_SOCKET "/var/run/ubus/ubus.sock"
 #endif
 
 #endif /* UBUS_COMMON_H */

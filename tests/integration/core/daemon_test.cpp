@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <signal.h>
+
 #include <sys/stat.h>
 
 #include <chrono>
@@ -112,4 +114,44 @@ TEST(Daemon, StartsQuietlyCreatesItsFoldersAndRegisters)
     EXPECT_EQ(registrations().size(), 6u);
     EXPECT_EQ(itest::console(), "");
     EXPECT_EQ(read_file("/tmp/nms_report.out"), "");
+}
+
+namespace {
+
+// Starts the installed daemon in the background; its pid.
+pid_t start_daemon()
+{
+    auto r = itest::run("/usr/sbin/nms_report >/tmp/nms_report.out 2>&1 & echo $!");
+    return r.status == 0 ? std::stoi(r.output) : -1;
+}
+
+}  // namespace
+
+TEST(Daemon, FindsTheBusAtEitherSocketPathAndEndsOnSigterm)
+{
+    SCOPED_TRACE("a broker at the current default path only");
+    ASSERT_EQ(itest::run("ubusd >/tmp/ubusd.log 2>&1 &").status, 0);
+    ASSERT_TRUE(itest::wait_until([] { return itest::file_exists("/var/run/ubus/ubus.sock"); }));
+    ASSERT_FALSE(itest::file_exists("/var/run/ubus.sock"));
+    pid_t pid = start_daemon();
+    ASSERT_GT(pid, 0);
+    EXPECT_TRUE(itest::wait_until([] { return itest::run("ubus list nms_report_cache").status == 0; },
+                                  15s));
+
+    SCOPED_TRACE("SIGTERM, as procd stops a service, ends the process");
+    ASSERT_EQ(kill(pid, SIGTERM), 0);
+    EXPECT_TRUE(itest::wait_until([pid] { return !is_running(pid); }, 5s));
+
+    SCOPED_TRACE("a broker at the old path only");
+    ASSERT_EQ(itest::run("pkill -x ubusd; rm -rf /var/run/ubus").status, 0);
+    ASSERT_EQ(itest::run("ubusd -s /var/run/ubus.sock >/tmp/ubusd.log 2>&1 &").status, 0);
+    ASSERT_TRUE(itest::wait_until([] { return itest::file_exists("/var/run/ubus.sock"); }));
+    itest::run("rmdir /var/run/ubus");  // made by the broker for its default path
+    pid = start_daemon();
+    ASSERT_GT(pid, 0);
+    EXPECT_TRUE(itest::wait_until(
+        [] { return itest::run("ubus -s /var/run/ubus.sock list nms_report_cache").status == 0; },
+        15s));
+    ASSERT_EQ(kill(pid, SIGINT), 0);
+    EXPECT_TRUE(itest::wait_until([pid] { return !is_running(pid); }, 5s));
 }

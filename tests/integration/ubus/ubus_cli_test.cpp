@@ -79,12 +79,14 @@ public:
         test_object.type = &test_type;
         test_object.methods = test_methods;
         test_object.n_methods = ARRAY_SIZE(test_methods);
+        // Before the first connection, which sets up the loop and its signals: the test's
+        // own children are reaped by pclose.
+        uloop_handle_sigchld = false;
         ctx_ = ubus_connect(nullptr);
         if (!ctx_)
             return;
         ctx_->connection_lost = lost;
         ok_ = ubus_add_object(ctx_, &test_object) == 0;
-        uloop_handle_sigchld = false;  // the test's own children are reaped by pclose
         uloop_init();
         ubus_add_uloop(ctx_);
         retry_.cb = retry;

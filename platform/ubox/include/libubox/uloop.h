@@ -59,12 +59,13 @@ struct uloop_process {
 
 /* Set by uloop_end and by SIGINT/SIGTERM; reset when uloop_run starts. */
 extern bool uloop_cancelled;
-/* Whether uloop_init takes SIGCHLD to reap watched children (default true). */
+/* Whether uloop_init takes SIGCHLD (default true); the loop then reaps every
+ * child of the process with waitpid(-1), watched or not. */
 extern bool uloop_handle_sigchld;
 
 /* Creates the poller and wake-up pipe (close-on-exec) and takes SIGINT,
- * SIGTERM and SIGPIPE (ignored) where their handling is still the default;
- * SIGCHLD likewise, but only from the first uloop_process_add on.
+ * SIGTERM, SIGCHLD (when uloop_handle_sigchld) and SIGPIPE (ignored) where
+ * their handling is still the default, without SA_RESTART.
  * Idempotent; 0 or -1. */
 int uloop_init(void) UBOX_NOEXCEPT;
 /* Runs until uloop_end or SIGINT/SIGTERM (timeout < 0), or makes one pass

@@ -276,11 +276,17 @@ TEST_F(Uloop, TerminatingSignalsEndTheRunAndAreReturned)
 	ASSERT_EQ(0, uloop_init());
 }
 
-TEST_F(Uloop, WatchedChildIsReapedWithItsStatus)
+TEST_F(Uloop, EveryChildIsReapedAndWatchedOnesReportTheirStatus)
 {
-	// Nothing watched yet: SIGCHLD is left alone (children of popen and
-	// system on other threads stay theirs).
-	EXPECT_EQ(SIG_DFL, handler_of(SIGCHLD));
+	// As upstream: uloop_init took SIGCHLD, without SA_RESTART.
+	struct sigaction sa {};
+	ASSERT_EQ(0, sigaction(SIGCHLD, nullptr, &sa));
+	EXPECT_NE(SIG_DFL, sa.sa_handler);
+	EXPECT_EQ(0, sa.sa_flags & SA_RESTART);
+	pid_t other = fork();  // nobody watches this one
+	ASSERT_GE(other, 0);
+	if (other == 0)
+		_exit(0);
 	pid_t pid = fork();
 	ASSERT_GE(pid, 0);
 	if (pid == 0)
@@ -300,9 +306,20 @@ TEST_F(Uloop, WatchedChildIsReapedWithItsStatus)
 	ASSERT_TRUE(WIFEXITED(w.status));
 	EXPECT_EQ(3, WEXITSTATUS(w.status));
 	EXPECT_FALSE(w.p.pending);
-	EXPECT_NE(SIG_DFL, handler_of(SIGCHLD));
+	// The unwatched child was taken too: a waitpid that expected it finds nothing.
+	usleep(50000);
+	uloop_run_timeout(10);
+	EXPECT_EQ(-1, waitpid(other, nullptr, WNOHANG));
+	EXPECT_EQ(ECHILD, errno);
 	uloop_done();
 	EXPECT_EQ(SIG_DFL, handler_of(SIGCHLD));
+
+	// Cleared before uloop_init, SIGCHLD stays with the program.
+	uloop_handle_sigchld = false;
+	ASSERT_EQ(0, uloop_init());
+	EXPECT_EQ(SIG_DFL, handler_of(SIGCHLD));
+	uloop_done();
+	uloop_handle_sigchld = true;
 	ASSERT_EQ(0, uloop_init());
 }
 
