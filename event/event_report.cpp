@@ -9,10 +9,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <deque>
-#include <mutex>
 #include <cstdio>
 #include <cstring>
+#include <deque>
+#include <mutex>
 #include <string>
 
 #include "cloud_report.h"
@@ -55,6 +55,16 @@ uint32_t report_node_seq_arr[NMS_EVENT_LIST_NUM][NMS_REPORT_NODE_ARR_LEN];
 
 int32_t g_batch_arg;
 
+sem_t g_batch_wake;
+pthread_once_t g_batch_wake_once = PTHREAD_ONCE_INIT;
+
+void init_batch_wake() { sem_init(&g_batch_wake, 0, 0); }
+
+void wake_batch_thread() {
+    pthread_once(&g_batch_wake_once, init_batch_wake);
+    sem_post(&g_batch_wake);
+}
+
 // Asynchronous sends: jobs in call order and the number of sender threads running.
 constexpr int kAsyncSenders = 4;
 std::mutex g_async_mu;
@@ -76,15 +86,6 @@ void *async_sender(void *) noexcept {
         }
         send_report_handle(job);
     }
-}
-sem_t g_batch_wake;
-pthread_once_t g_batch_wake_once = PTHREAD_ONCE_INIT;
-
-void init_batch_wake() { sem_init(&g_batch_wake, 0, 0); }
-
-void wake_batch_thread() {
-    pthread_once(&g_batch_wake_once, init_batch_wake);
-    sem_post(&g_batch_wake);
 }
 
 bool list_valid(int64_t list) { return list >= 0 && list < NMS_EVENT_LIST_NUM; }
