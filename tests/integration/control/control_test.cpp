@@ -513,6 +513,11 @@ TEST(ControlObject, AHangingSupportedListCommandDoesNotStopTheObject)
 
 TEST(ControlObject, ListingSupportedParametersAgainAndAgainKeepsMemoryFlat)
 {
+#if defined(__SANITIZE_ADDRESS__)
+    // AddressSanitizer holds freed memory back in its quarantine: resident memory grows with
+    // any allocation, leaked or not.
+    GTEST_SKIP() << "resident memory means nothing under AddressSanitizer";
+#endif
     ASSERT_EQ(status_of("get_statistics_parms_reg", "{\"cb\":\"printf rssi,\"}"), 0);
     ASSERT_EQ(call("get_statistics_parms_list").status, 255);
     const long before = daemon_rss_kib();
