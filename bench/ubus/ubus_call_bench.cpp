@@ -113,6 +113,9 @@ public:
             execl(UBUSD_PATH, "ubusd", "-s", path_.c_str(), static_cast<char *>(nullptr));
             _exit(127);
         }
+        // The broker is this process's child, waited for at the end: the loop that the first
+        // connection sets up must not reap it.
+        uloop_handle_sigchld = false;
         for (int i = 0; i < 500 && !(owner_ = ubus_connect(path_.c_str())); i++)
             usleep(10000);
         caller_ = ubus_connect(path_.c_str());
