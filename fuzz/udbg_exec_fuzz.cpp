@@ -1,19 +1,17 @@
 // udbg_exec_fuzz.cpp - any command given to the debug shell through the command socket's "udbg"
 // service is executed or refused without harm. Names that are not in the process's symbol
 // lists are refused, so what runs here is the request handling, the parse, the dispatch to
-// call, assignment or read, and the refusals; `self` and `reset` are left out, since they
-// point the process's output elsewhere.
+// call, assignment or read, and the refusals; lines naming `self` or `reset` are left out,
+// since those point the process's output elsewhere.
 #include <json-c/json.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 
 #include "udbg.h"
-#include "udbg_parser.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
@@ -35,9 +33,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (size > 512)
         return 0;
     std::string line(reinterpret_cast<const char *>(data), size);
-    udbg_cmd cmd;
-    if (udbg_cmd_parse(line.c_str(), &cmd) == 0 &&
-        (std::strcmp(cmd.name, "self") == 0 || std::strcmp(cmd.name, "reset") == 0))
+    // Any line naming them is left out, whatever the parser makes of it: the service cuts
+    // and reads the text in its own way, and one redirection ends the run's own reports.
+    if (line.find("self") != std::string::npos || line.find("reset") != std::string::npos)
         return 0;
     udbg_err_on.store(0);
     json_object *request = json_object_new_object();
