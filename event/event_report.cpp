@@ -152,24 +152,13 @@ extern "C" int init_nms_event_report(int mode, void *arg) noexcept {
             gNmsEventReportListLocker[0][list] =
                 uac_mutex_create("gNmsEventReportListLocker[j][i]", UAC_MUTEX_NORMAL);
     }
-    // Without an id array a list's batches still run; their events are then never deleted.
-    // A failed allocation here is deliberately silent.
-    if (nms_report_type_table[0].send) {
-        for (int list = 0; list < NMS_EVENT_LIST_NUM; list++) {
-            if (!report_node_id_arr[list]) {
-                report_node_id_arr[list] = static_cast<int *>(
-                    MEM_GUARD_ALLOC(sizeof(int) * NMS_REPORT_NODE_ARR_LEN));
-                if (!report_node_id_arr[list]) {
-                    for (int j = 0; j < list; j++) {
-                        mem_guard_free(report_node_id_arr[j]);
-                        report_node_id_arr[j] = nullptr;
-                    }
-                    break;
-                }
-            }
+    // The id arrays (24 KiB a list) are made at a list's first batch, so that a list that never
+    // reports costs nothing; one that cannot be made is tried again at the next batch, whose
+    // events meanwhile stay in the list. A second call (tests) empties those already made.
+    for (int list = 0; list < NMS_EVENT_LIST_NUM; list++) {
+        if (report_node_id_arr[list])
             std::fill_n(report_node_id_arr[list], NMS_REPORT_NODE_ARR_LEN, -1);
-            report_node_id_cnt[list] = 0;
-        }
+        report_node_id_cnt[list] = 0;
     }
     init_multil_call_nms_event_list_report_task();
     return 0;
@@ -248,8 +237,13 @@ extern "C" int multil_call_store_report_node_id(uint32_t list, uint32_t node_id,
         NMS_LOG_ERROR("invalid node_id:%d", static_cast<int>(node_id));
         return -1;
     }
-    int *arr = report_node_id_arr[list];
+    int *&arr = report_node_id_arr[list];
     int &cnt = report_node_id_cnt[list];
+    if (!arr && nms_report_type_table[0].send) {
+        arr = static_cast<int *>(MEM_GUARD_ALLOC(sizeof(int) * NMS_REPORT_NODE_ARR_LEN));
+        if (arr)
+            std::fill_n(arr, NMS_REPORT_NODE_ARR_LEN, -1);
+    }
     if (!arr || cnt >= NMS_REPORT_NODE_ARR_LEN)
         return 0;
     if (arr[cnt] == -1) {
@@ -281,7 +275,8 @@ extern "C" int multil_call_remove_report_node_id(int32_t list, int32_t del,
         multil_call_delete_sent_node_arr(list, cnt, arr, report_node_seq_arr[list], &deleted,
                                          static_cast<int>(mask));
     }
-    std::fill_n(arr, NMS_REPORT_NODE_ARR_LEN, -1);
+    // Entries from cnt on are -1 already.
+    std::fill_n(arr, std::min(cnt + 1, NMS_REPORT_NODE_ARR_LEN), -1);
     cnt = 0;
     return -1;
 }
