@@ -230,7 +230,6 @@ public:
         }
     }
 
-    bool active() const { return fd_active_.load(std::memory_order_acquire); }
     uint64_t generation() const { return gen_.load(std::memory_order_acquire); }
 
 private:
@@ -248,10 +247,8 @@ private:
     bool watch_dir(Dir &d)
     {
         d.wd = inotify_add_watch(fd_, d.path.c_str(), kDirEvents);
-        if (d.wd >= 0) {
-            fd_active_.store(true, std::memory_order_release);
+        if (d.wd >= 0)
             return true;
-        }
         d.parent_wd = inotify_add_watch(fd_, d.parent.c_str(), kParentEvents);
         if (d.parent_wd < 0)
             return false;
@@ -261,7 +258,6 @@ private:
             if (d.wd < 0)
                 return false;
         }
-        fd_active_.store(true, std::memory_order_release);
         return true;
     }
 
@@ -294,7 +290,6 @@ private:
     int fd_ = -1;
     std::string name_;
     std::vector<Dir> dirs_;
-    std::atomic<bool> fd_active_{false};
     std::atomic<uint64_t> gen_{1};
 };
 
@@ -439,8 +434,7 @@ void event_settings_loop_polls(void) noexcept
 
 void event_settings_look(void) noexcept
 {
-    if (g_watch.active())
-        g_watch.poll();
+    g_watch.poll();  // nothing to read before the first query has set up the watch
 }
 
 void update_event_list_buf_timer(void) noexcept

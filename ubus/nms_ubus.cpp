@@ -13,10 +13,9 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <vector>
 
 #include <info_report.h>
@@ -261,42 +260,58 @@ extern "C" int get_statistics_parms_reg(ubus_context *, ubus_object *, ubus_requ
 namespace {
 
 // One reply text, kept for the life of the process (32 KiB; one run at a time uses it).
+// Written by the worker, read by the bus thread after the worker's wake-up byte.
 char g_param_list_text[kParamListSize + 1];
 int g_param_list_rc = -1;
 
-std::mutex g_param_list_mu;                           // guards the three below
+// Touched on the bus thread only. A run is on while it has calls to answer.
 std::vector<ubus_request_data> g_param_list_waiting;  // calls that the next run answers
 std::vector<ubus_request_data> g_param_list_serving;  // calls that the running run answers
-bool g_param_list_running = false;
 
 int g_param_list_wake[2] = {-1, -1};  // worker -> bus thread
 uloop_fd g_param_list_done{};
 
-void *param_list_worker(void *) noexcept
+// Fills the reply text with the joined output of the supported-list commands.
+int collect_param_list() noexcept
 {
     std::memset(g_param_list_text, 0, sizeof(g_param_list_text));
-    g_param_list_rc = get_support_params_list(g_param_list_text, kParamListSize);
+    return get_support_params_list(g_param_list_text, kParamListSize);
+}
+
+void send_param_list(ubus_context *ctx, ubus_request_data *req) noexcept
+{
+    blob_buf_init(&g_reply, 0);
+    blobmsg_add_string(&g_reply, "param_list", g_param_list_text);
+    ubus_send_reply(ctx, req, g_reply.head);
+    blob_buf_free(&g_reply);
+}
+
+void wake_bus_thread() noexcept
+{
     const char byte = 1;
     while (write(g_param_list_wake[1], &byte, 1) < 0 && errno == EINTR) {
     }
+}
+
+void *param_list_worker(void *) noexcept
+{
+    g_param_list_rc = collect_param_list();
+    wake_bus_thread();
     return nullptr;
 }
 
-// Starts a run for the waiting calls unless one is on. Bus thread; g_param_list_mu held.
+// Starts a run for the waiting calls unless one is on.
 void start_param_list_run() noexcept
 {
-    if (g_param_list_running || g_param_list_waiting.empty())
+    if (!g_param_list_serving.empty() || g_param_list_waiting.empty())
         return;
     g_param_list_serving.swap(g_param_list_waiting);
-    g_param_list_running = true;
     pthread_t tid;
     if (uac_thread_create(&tid, "nmsStatsReportThread", param_list_worker, nullptr) != 0) {
         NMS_LOG_ERROR("create thread(param_list_worker) failed!");
         // Answered as a failed list: the callers are not left waiting.
         g_param_list_rc = -1;
-        const char byte = 1;
-        if (write(g_param_list_wake[1], &byte, 1) < 0)
-            NMS_LOG_ERROR("wake failed.");
+        wake_bus_thread();
     }
 }
 
@@ -307,21 +322,14 @@ void param_list_done_cb(uloop_fd *u, unsigned int) noexcept
     char bytes[16];
     while (read(u->fd, bytes, sizeof(bytes)) > 0) {
     }
-    std::lock_guard<std::mutex> hold(g_param_list_mu);
-    if (!g_param_list_running)
-        return;
     for (ubus_request_data &req : g_param_list_serving) {
-        if (ubus_ctx && g_param_list_rc == 0) {
-            blob_buf_init(&g_reply, 0);
-            blobmsg_add_string(&g_reply, "param_list", g_param_list_text);
-            ubus_send_reply(ubus_ctx, &req, g_reply.head);
-            blob_buf_free(&g_reply);
-        }
-        if (ubus_ctx)
-            ubus_complete_deferred_request(ubus_ctx, &req, -1);
+        if (!ubus_ctx)
+            break;
+        if (g_param_list_rc == 0)
+            send_param_list(ubus_ctx, &req);
+        ubus_complete_deferred_request(ubus_ctx, &req, -1);
     }
     g_param_list_serving.clear();
-    g_param_list_running = false;
     start_param_list_run();
 }
 
@@ -346,19 +354,14 @@ extern "C" int get_statistics_parms_list(ubus_context *ctx, ubus_object *, ubus_
     if (g_param_list_done.registered) {
         ubus_request_data deferred{};
         ubus_defer_request(ctx, req, &deferred);
-        std::lock_guard<std::mutex> hold(g_param_list_mu);
         g_param_list_waiting.push_back(deferred);
         start_param_list_run();
         return 0;
     }
     // No wake pipe: answered here, on the bus thread.
-    std::memset(g_param_list_text, 0, sizeof(g_param_list_text));
-    if (get_support_params_list(g_param_list_text, kParamListSize) != 0)
+    if (collect_param_list() != 0)
         return -1;
-    blob_buf_init(&g_reply, 0);
-    blobmsg_add_string(&g_reply, "param_list", g_param_list_text);
-    ubus_send_reply(ctx, req, g_reply.head);
-    blob_buf_free(&g_reply);
+    send_param_list(ctx, req);
     return -1;
 }
 

@@ -457,8 +457,10 @@ int uloop_process_add(uloop_process *p) noexcept
 		return -1;
 	list_add_tail(&p->list, &g_processes);
 	p->pending = true;
-	// The child may already have exited before it was watched.
-	g_sigchld.store(1, std::memory_order_relaxed);
+	// The child may already have exited before it was watched. Only where the loop
+	// reaps at all: with uloop_handle_sigchld cleared, as upstream, it never does.
+	if (uloop_handle_sigchld)
+		g_sigchld.store(1, std::memory_order_relaxed);
 	return 0;
 }
 
