@@ -12,7 +12,7 @@ function(nms_symbol_lists target)
   set(name $<TARGET_FILE_NAME:${target}>)
   add_custom_command(TARGET ${target} POST_BUILD
     COMMAND sh ${NMS_SYMBOL_LISTS_SCRIPT} ${CMAKE_NM} $<TARGET_FILE:${target}>
-            ${dir}/${name}_symbol_fun ${dir}/${name}_symbol_obj
+            ${dir}/${name}_symbol_fun ${dir}/${name}_symbol_obj ${CMAKE_READELF}
     COMMENT "Symbol lists of ${target}"
     VERBATIM)
   if(S_DESTINATION)

@@ -108,9 +108,12 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
             NMS_LOG_DEBUG("index%d \r\n", index);
             std::memset(&frame, 0, sizeof(frame));
             // Blocks on an empty queue: an idle list costs no processor time.
-            ssize_t got = msgrcv(id, &frame, NMS_EVENT_MSG_TEXT_MAX, 0, 0);
+            // At most 512 bytes of text; on targets with 4-byte message types the frame holds
+            // 508, and a longer text (a sender built with an 8-byte type) is refused below
+            // rather than written past the frame.
+            ssize_t got = msgrcv(id, &frame, NMS_EVENT_MSG_TEXT_SIZE, 0, 0);
             if (got < 0 && errno == E2BIG) {
-                // A sender broke the 512-byte limit. Left where it is, the message would sit
+                // A sender broke the text limit. Left where it is, the message would sit
                 // at the head of the queue and fail every later receive, so the list would
                 // take no event again: take it off with truncation allowed and drop it.
                 // Read into room for the kernel's largest default message, to name its size.
@@ -135,14 +138,14 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
             // Waited for on an empty queue: it was sent after the round's look.
             if (was_empty)
                 event_settings_look();
-            reinterpret_cast<char *>(&frame)[NMS_EVENT_MSG_FRAME_SIZE - 1] = '\0';
+            frame.params[sizeof(frame.params) - 1] = '\0';
             const char *text = reinterpret_cast<const char *>(&frame) + offsetof(nms_event_msg, id);
             int len = static_cast<int>(strlen(text));
             if (len > max_len) {
                 max_len = len;
                 NMS_LOG_DEBUG("@@MAX_LENGTH:[%d]{%s}@@", len, text);
             }
-            if (len < NMS_EVENT_MSG_TEXT_MAX) {
+            if (len < static_cast<int>(NMS_EVENT_MSG_TEXT_SIZE)) {
                 if (handler)
                     handler(&frame, list);
                 int n = g_dispatched.fetch_add(1, std::memory_order_relaxed) + 1;

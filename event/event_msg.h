@@ -6,25 +6,44 @@
 #include <cstdint>
 
 #define NMS_EVENT_MSG_KEY_BASE 787783      // key of list i's queue: base + i
-#define NMS_EVENT_MSG_TEXT_MAX 512         // bytes after the message type
-#define NMS_EVENT_MSG_FRAME_SIZE 520
+#define NMS_EVENT_MSG_TEXT_MAX 512         // most bytes after the message type on any target
+#define NMS_EVENT_MSG_PARAMS_SIZE 496      // params bytes, the last one always NUL
 #define NMS_EVENT_MSG_QBYTES 3584000       // 7000 messages of 512 bytes
 #define NMS_EVENT_MSG_BACKLOG_FULL 5249    // a backlog above this means producers outrun reports
 
 extern "C" {
 
-// The System V message of one event, in the device's byte order.
+// The System V message of one event, in the device's byte order: the kernel's `long` message
+// type, then the event id, the time stamp and the params, each at the compiler's natural
+// alignment. With 8-byte longs that is the 520-byte frame every sender knows (id at 8, four
+// bytes of padding, time at 16, params at 24, 512 bytes of text). With 4-byte longs (32-bit
+// MIPS and ARM) there is no padding: id at 4, time at 8, params at 16, 508 bytes of text. A
+// fixed 8-byte type would put the text 4 bytes late on those targets and make a full frame's
+// text 516 bytes, more than a receive takes. Frames are built zeroed, padding included.
 struct nms_event_msg {
-    int64_t mtype;     // any positive type; shown only in a debug line
-    int32_t id;        // event type id
-    int32_t reserved;  // padding, ignored
-    uint64_t time;     // sender's time stamp
-    char params[496];  // NUL-terminated JSON text (a NUL is forced at the frame's last byte)
+    long mtype;                                // any positive type; shown only in a debug line
+    int32_t id;                                // event type id
+    uint64_t time;                             // sender's time stamp
+    char params[NMS_EVENT_MSG_PARAMS_SIZE];    // NUL-terminated JSON text (a NUL is forced
+                                               // into the last byte)
 };
-static_assert(sizeof(nms_event_msg) == NMS_EVENT_MSG_FRAME_SIZE, "event frame is 520 bytes");
-static_assert(offsetof(nms_event_msg, id) == 8, "event id at 8");
-static_assert(offsetof(nms_event_msg, time) == 16, "time at 16");
-static_assert(offsetof(nms_event_msg, params) == 24, "params at 24");
+// Bytes of a whole frame after the message type: what a sender sends and a receive takes.
+#define NMS_EVENT_MSG_TEXT_SIZE (sizeof(nms_event_msg) - sizeof(long))
+static_assert(offsetof(nms_event_msg, id) == sizeof(long), "event id right after the type");
+static_assert(offsetof(nms_event_msg, time) % alignof(uint64_t) == 0 &&
+                  offsetof(nms_event_msg, time) - offsetof(nms_event_msg, id) < 4 + alignof(uint64_t),
+              "time at the next 8-byte field after the id");
+static_assert(offsetof(nms_event_msg, params) == offsetof(nms_event_msg, time) + 8,
+              "params right after the time");
+static_assert(NMS_EVENT_MSG_TEXT_SIZE <= NMS_EVENT_MSG_TEXT_MAX, "text of at most 512 bytes");
+static_assert(sizeof(long) != 8 ||
+                  (sizeof(nms_event_msg) == 520 && offsetof(nms_event_msg, id) == 8 &&
+                   offsetof(nms_event_msg, time) == 16 && offsetof(nms_event_msg, params) == 24),
+              "the 520-byte frame with 8-byte message types");
+static_assert(sizeof(long) != 4 ||
+                  (sizeof(nms_event_msg) == 512 && offsetof(nms_event_msg, time) == 8 &&
+                   offsetof(nms_event_msg, params) == 16),
+              "the 512-byte frame with 4-byte message types");
 
 typedef int (*nms_event_msg_handler)(nms_event_msg *frame, int list);
 typedef int (*nms_event_msg_ready)(int list);

@@ -66,9 +66,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     nms_event_msg frame;
     std::memset(&frame, 0, sizeof(frame));
     frame.mtype = 1;
-    size_t text = size - 1 < NMS_EVENT_MSG_TEXT_MAX ? size - 1 : NMS_EVENT_MSG_TEXT_MAX;
+    size_t text = size - 1 < NMS_EVENT_MSG_TEXT_SIZE ? size - 1 : NMS_EVENT_MSG_TEXT_SIZE;
     std::memcpy(reinterpret_cast<char *>(&frame) + offsetof(nms_event_msg, id), data + 1, text);
-    reinterpret_cast<char *>(&frame)[NMS_EVENT_MSG_FRAME_SIZE - 1] = '\0';
+    frame.params[sizeof(frame.params) - 1] = '\0';
     msg_handle_dispatch(&frame, list);
     {
         NmsEventHold hold(gNmsEventNodeListLocker[list]);

@@ -35,27 +35,21 @@ void registry_init() {
 // written without a lock by design: it only decides which warning is printed.
 std::atomic<uint32_t> g_tag{UAC_MUTEX_TAG_FREE};
 
-// pthread_t is an integer on glibc and a pointer elsewhere; these views work for both.
+// "No owner": a value-initialised pthread_t, whether the C library makes it an integer or a pointer.
 constexpr pthread_t kNoThread{};
 
-uintptr_t thread_bits(pthread_t t) {
-    if constexpr (std::is_pointer<pthread_t>::value)
-        return reinterpret_cast<uintptr_t>(t);
-    else
-        return static_cast<uintptr_t>(t);
-}
 
 // The calling thread's id, kept per thread: every take and give asks for it, and the
 // library call costs more than the rest of the owner bookkeeping.
 pthread_t self_id() {
     static thread_local pthread_t me = kNoThread;
-    if (thread_bits(me) == 0)
+    if (uac_thread_bits(me) == 0)
         me = pthread_self();
     return me;
 }
 
 bool is_owner(const uac_mutex_t *m, pthread_t self) {
-    return thread_bits(m->owner.load(std::memory_order_relaxed)) == thread_bits(self);
+    return uac_thread_bits(m->owner.load(std::memory_order_relaxed)) == uac_thread_bits(self);
 }
 
 char *copy_name(const char *name) {
@@ -215,7 +209,7 @@ int32_t uac_mutex_print(uac_mutex_t *m) noexcept {
     if (!m)
         return -1;
     printf("Mutex \"%s\": type=%d, owner=%p, lock_cnt=%lu\n", m->name, static_cast<int>(m->type),
-           reinterpret_cast<void *>(thread_bits(m->owner.load(std::memory_order_relaxed))),
+           reinterpret_cast<void *>(uac_thread_bits(m->owner.load(std::memory_order_relaxed))),
            static_cast<unsigned long>(m->lock_cnt.load(std::memory_order_relaxed)));
     fflush(stdout);
     return 0;
@@ -334,7 +328,7 @@ int uac_sigmask_set(int how, int count, int sig, ...) noexcept {
 }
 
 int32_t uac_mutex_tag_take(uac_mutex_t *m, const char *func, int32_t line) noexcept {
-    const uint32_t self = static_cast<uint32_t>(thread_bits(self_id()));
+    const uint32_t self = static_cast<uint32_t>(uac_thread_bits(self_id()));
     const uint32_t holder = g_tag.load(std::memory_order_relaxed);
     if (!func)
         func = "";

@@ -46,12 +46,6 @@ void create_error(const char *what, int line) {
     fflush(stdout);
 }
 
-uintptr_t thread_bits(pthread_t t) {
-    if constexpr (std::is_pointer<pthread_t>::value)
-        return reinterpret_cast<uintptr_t>(t);
-    else
-        return static_cast<uintptr_t>(t);
-}
 
 void *trampoline(void *p) {
     uac_thread_t *rec = static_cast<uac_thread_t *>(p);
@@ -179,7 +173,7 @@ int32_t uac_thread_print(uac_thread_t *record) noexcept {
     if (!record)
         return -1;
     printf("Thread \"%s\": tid=%p, pid=%d, ck=%p, ck_cnt=%lu, pre_ck=%p, pre_ck_cnt=%lu\n",
-           record->name, reinterpret_cast<void *>(thread_bits(record->tid)),
+           record->name, reinterpret_cast<void *>(uac_thread_bits(record->tid)),
            static_cast<int>(record->pid),
            static_cast<void *>(record->ck.load(std::memory_order_relaxed)),
            static_cast<unsigned long>(record->ck_cnt.load(std::memory_order_relaxed)),

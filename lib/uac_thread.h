@@ -70,6 +70,20 @@ int32_t uac_abstime_from_ms(struct timespec *ts, const struct timeval *now, int3
 
 #ifdef __cplusplus
 }
+
+#include <stdint.h>
+#include <type_traits>
+
+// A thread id as an integer for messages and comparisons. pthread_t is an unsigned long on
+// glibc (4 bytes on 32-bit targets) and a pointer on other C libraries; a template, so that
+// only the branch for this target's pthread_t is compiled.
+template <typename T>
+inline uintptr_t uac_thread_bits(T t) noexcept {
+    if constexpr (std::is_pointer<T>::value)
+        return reinterpret_cast<uintptr_t>(t);
+    else
+        return static_cast<uintptr_t>(t);
+}
 #endif
 
 #endif // UAC_THREAD_H

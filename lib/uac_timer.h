@@ -85,10 +85,17 @@ static_assert(__builtin_offsetof(uac_timer_record, node) == 0, "node first");
 static_assert(__builtin_offsetof(uac_timer_record, id) == sizeof(uac_list_entry), "id after node");
 static_assert(__builtin_offsetof(uac_timer_record, flags) == sizeof(uac_list_entry) + 4,
               "flags after id");
-static_assert(__builtin_offsetof(uac_timer_record, interval) == sizeof(uac_list_entry) + 8,
-              "interval 8-aligned after flags");
+// The 64-bit counters sit at their own alignment after the flags byte: offset 24 on 64-bit
+// targets, 16 on 32-bit ones (8 on i386, where uint64_t members align to 4).
+static_assert(__builtin_offsetof(uac_timer_record, interval) ==
+                  (sizeof(uac_list_entry) + 5 + alignof(uint64_t) - 1) / alignof(uint64_t) *
+                      alignof(uint64_t),
+              "interval aligned after flags");
+static_assert(__builtin_offsetof(uac_timer_record, expires) ==
+                  __builtin_offsetof(uac_timer_record, interval) + 8,
+              "expires after interval");
 static_assert(__builtin_offsetof(uac_timer_record, arg) ==
-                  sizeof(uac_list_entry) + 24 + 2 * sizeof(void *),
+                  __builtin_offsetof(uac_timer_record, expires) + 8 + 2 * sizeof(void *),
               "callback, release, arg follow expires");
 #endif
 

@@ -62,7 +62,7 @@ std::string uci_base_url() {
     uci_ptr ptr{};
     if (uci_lookup_ptr(ctx.get(), &ptr, lookup, false) != UCI_OK)
         return {};
-    if (!(ptr.flags & UCI_LOOKUP_COMPLETE) || !ptr.o || ptr.o->type != UCI_TYPE_STRING ||
+    if (!(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE) || !ptr.o || ptr.o->type != UCI_TYPE_STRING ||
         !ptr.o->v.string)
         return {};
     return ptr.o->v.string;

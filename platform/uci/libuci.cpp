@@ -38,6 +38,12 @@ namespace {
 
 using namespace uci_host;
 
+// The lookup flags are an enum inside uci_ptr, as upstream declares them; C++ has no |= on it.
+void add_flags(uci_ptr *ptr, int flags) noexcept
+{
+    ptr->flags = static_cast<decltype(ptr->flags)>(ptr->flags | flags);
+}
+
 // Runs one public call: resets the error state, runs f, stores and returns
 // its code. Nothing thrown inside crosses into C callers.
 template <typename F>
@@ -92,7 +98,7 @@ int parse_ptr_str(uci_ptr *ptr, char *str)
         if (!*ptr->section)
             return UCI_ERR_PARSE;
         if (!valid_name(ptr->section))
-            ptr->flags |= UCI_LOOKUP_EXTENDED;
+            add_flags(ptr, uci_ptr::UCI_LOOKUP_EXTENDED);
     }
     if (ptr->option && !valid_name(ptr->option))
         return UCI_ERR_PARSE;
@@ -160,7 +166,7 @@ int resolve_ptr(uci_context *ctx, uci_ptr *ptr, bool extended)
     ptr->o = nullptr;
     if (ptr->section) {
         ptr->s = nullptr;
-        if (ptr->flags & UCI_LOOKUP_EXTENDED) {
+        if (ptr->flags & uci_ptr::UCI_LOOKUP_EXTENDED) {
             if (!extended)
                 return UCI_ERR_INVAL;
             int rc = lookup_extended_section(ptr);
@@ -186,11 +192,11 @@ int resolve_ptr(uci_context *ctx, uci_ptr *ptr, bool extended)
     if (ptr->target == UCI_TYPE_UNSPEC)
         ptr->target = ptr->option ? UCI_TYPE_OPTION
                     : ptr->section ? UCI_TYPE_SECTION : UCI_TYPE_PACKAGE;
-    ptr->flags |= UCI_LOOKUP_DONE;
+    add_flags(ptr, uci_ptr::UCI_LOOKUP_DONE);
     if (complete)
-        ptr->flags |= UCI_LOOKUP_COMPLETE;
+        add_flags(ptr, uci_ptr::UCI_LOOKUP_COMPLETE);
     else
-        ptr->flags &= ~UCI_LOOKUP_COMPLETE;
+        ptr->flags = static_cast<decltype(ptr->flags)>(ptr->flags & ~uci_ptr::UCI_LOOKUP_COMPLETE);
     return UCI_OK;
 }
 
@@ -198,7 +204,7 @@ int resolve_ptr(uci_context *ctx, uci_ptr *ptr, bool extended)
 // plain names unless a lookup already ran.
 int ensure_resolved(uci_context *ctx, uci_ptr *ptr)
 {
-    if (ptr->flags & UCI_LOOKUP_DONE)
+    if (ptr->flags & uci_ptr::UCI_LOOKUP_DONE)
         return ptr->p ? UCI_OK : UCI_ERR_INVAL;
     return resolve_ptr(ctx, ptr, false);
 }
@@ -450,7 +456,7 @@ bool parse_delta_line(const std::string &word, DeltaLine &dl)
         return false;
     // Index syntax is not stored in delta files; a value is required by all
     // but deletions.
-    if ((dl.ptr.flags & UCI_LOOKUP_EXTENDED) || !dl.ptr.section)
+    if ((dl.ptr.flags & uci_ptr::UCI_LOOKUP_EXTENDED) || !dl.ptr.section)
         return false;
     return dl.cmd == UCI_CMD_REMOVE || dl.ptr.value;
 }

@@ -216,7 +216,7 @@ int package_cmd(const Cli &cli, Cmd cmd, char *arg)
     default:
         break;
     }
-    if (!(ptr.flags & UCI_LOOKUP_COMPLETE))
+    if (!(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE))
         return fail_with(cli, UCI_ERR_NOTFOUND);
     switch (ptr.last->type) {
     case UCI_TYPE_PACKAGE:
@@ -268,7 +268,7 @@ int section_cmd(const Cli &cli, Cmd cmd, char *arg)
     int rc = UCI_OK;
     switch (cmd) {
     case Cmd::Get:
-        if (!(ptr.flags & UCI_LOOKUP_COMPLETE))
+        if (!(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE))
             return fail_with(cli, UCI_ERR_NOTFOUND);
         if (ptr.last->type == UCI_TYPE_SECTION)
             printf("%s\n", ptr.s->type);

@@ -14,6 +14,15 @@
 #include <new>
 #include <string>
 
+// Details of the last parse error, reported by uci_perror with UCI_ERR_PARSE. The public
+// header leaves the struct opaque, as the device's does; only the library reads it.
+struct uci_parse_context
+{
+	const char *reason;
+	int line;
+	int byte;
+};
+
 namespace uci_host {
 
 // Lists: circular, with a head node; an unlinked node points at itself.

@@ -12,22 +12,9 @@
 #include <cstring>
 
 #include "event_config.h"
+#include "event_msg.h"
 
 namespace {
-
-// The frame the daemon receives (native byte order): type, id, padding, time, params.
-struct event_frame {
-    long mtype;
-    int32_t id;
-    int32_t reserved;
-    uint64_t time;
-    char params[496];
-};
-static_assert(sizeof(event_frame) == 520, "the event frame is 520 bytes");
-static_assert(offsetof(event_frame, id) == 8 && offsetof(event_frame, time) == 16 &&
-                  offsetof(event_frame, params) == 24,
-              "fields where the daemon reads them");
-constexpr size_t kTextSize = sizeof(event_frame) - sizeof(long);  // 512 bytes after the type
 
 // True when text parses as one JSON value other than null, as the daemon's check demands.
 bool is_json(const char *text) {
@@ -69,14 +56,15 @@ extern "C" int nms_event_send(int list, int32_t id, uint64_t time_ms,
     int qid = msgget(NMS_EVENT_SEND_KEY_BASE + list, IPC_CREAT);
     if (qid < 0)
         return NMS_EVENT_SEND_ERR_QUEUE;
-    event_frame frame{};
+    // The daemon's own frame type: the same layout on every target, padding zeroed.
+    nms_event_msg frame{};
     frame.mtype = 1;
     frame.id = id;
     frame.time = time_ms;
     std::memcpy(frame.params, params, len);
     int rc;
     do {
-        rc = msgsnd(qid, &frame, kTextSize, 0);
+        rc = msgsnd(qid, &frame, NMS_EVENT_MSG_TEXT_SIZE, 0);
     } while (rc != 0 && errno == EINTR);
     return rc == 0 ? NMS_EVENT_SEND_OK : NMS_EVENT_SEND_ERR_SEND;
 }

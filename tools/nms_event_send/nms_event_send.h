@@ -1,7 +1,9 @@
 /* nms_event_send.h - send one event to the reporting daemon through its message queues.
  *
- * A local service hands the daemon an event by sending one fixed 520-byte frame to the System V
- * message queue of the event's list (key 787783 + list). The list is the one configured for the
+ * A local service hands the daemon an event by sending one fixed frame to the System V message
+ * queue of the event's list (key 787783 + list): the message type (a C long), the event id, the
+ * time stamp and the params at their natural alignment, 520 bytes on 64-bit targets and 512 on
+ * 32-bit ones. The list is the one configured for the
  * event type in /etc/nms_report (event_params: level, report_now), or chosen by the caller.
  */
 #ifndef NMS_EVENT_SEND_H

@@ -22,13 +22,28 @@ struct short_link_request {
     uint64_t reserved[4];
 };
 
+// Two pointers, then the reserved fields at 8-byte alignment: 48 bytes with 8-byte pointers
+// (URL path at 0, content at 8, reserved at 16..47); 40 bytes on 32-bit targets, where the
+// vendor's library is built with the same compiler rules.
+#define SHORT_LINK_RESERVED_OFFSET \
+    ((2 * sizeof(char *) + _Alignof(uint64_t) - 1) / _Alignof(uint64_t) * _Alignof(uint64_t))
 #ifdef __cplusplus
-static_assert(sizeof(short_link_request) == 48, "short_link_request is a 48-byte record");
+#undef SHORT_LINK_RESERVED_OFFSET
+#define SHORT_LINK_RESERVED_OFFSET \
+    ((2 * sizeof(char *) + alignof(uint64_t) - 1) / alignof(uint64_t) * alignof(uint64_t))
 static_assert(offsetof(short_link_request, url) == 0, "path pointer at offset 0");
-static_assert(offsetof(short_link_request, content) == 8, "content pointer at offset 8");
-static_assert(offsetof(short_link_request, reserved) == 16, "reserved fields at 16..47");
+static_assert(offsetof(short_link_request, content) == sizeof(char *), "content after the path");
+static_assert(offsetof(short_link_request, reserved) == SHORT_LINK_RESERVED_OFFSET,
+              "reserved fields after the two pointers");
+static_assert(sizeof(short_link_request) == SHORT_LINK_RESERVED_OFFSET + 32,
+              "four 8-byte reserved fields end the record");
+static_assert(sizeof(char *) != 8 || sizeof(short_link_request) == 48,
+              "short_link_request is a 48-byte record with 8-byte pointers");
 #else
-_Static_assert(sizeof(struct short_link_request) == 48, "short_link_request is a 48-byte record");
+_Static_assert(sizeof(struct short_link_request) == SHORT_LINK_RESERVED_OFFSET + 32,
+               "four 8-byte reserved fields end the record");
+_Static_assert(sizeof(char *) != 8 || sizeof(struct short_link_request) == 48,
+               "short_link_request is a 48-byte record with 8-byte pointers");
 #endif
 
 // Prepares the library. Both arguments are reserved: pass 0 and NULL. Returns 0. May be called

@@ -178,24 +178,16 @@ struct uci_delta
 	char *value;
 };
 
-/* Details of the last parse error; reported by uci_perror with UCI_ERR_PARSE. */
-struct uci_parse_context
-{
-	const char *reason;
-	int line;
-	int byte;
-};
-
-enum {
-	UCI_LOOKUP_DONE =     (1 << 0),    /* lookup ran; ptr->p/s/o are valid */
-	UCI_LOOKUP_COMPLETE = (1 << 1),    /* every named part exists */
-	UCI_LOOKUP_EXTENDED = (1 << 2),    /* section given as @type[index] */
-};
-
+/* The lookup flags are declared inside the struct, as the device's header does: C++ code names
+ * them uci_ptr::UCI_LOOKUP_*, C code plainly. */
 struct uci_ptr
 {
 	enum uci_type target;              /* what the lookup string named */
-	int flags;                         /* UCI_LOOKUP_* */
+	enum {
+		UCI_LOOKUP_DONE =     (1 << 0),    /* lookup ran; ptr->p/s/o are valid */
+		UCI_LOOKUP_COMPLETE = (1 << 1),    /* every named part exists */
+		UCI_LOOKUP_EXTENDED = (1 << 2),    /* section given as @type[index] */
+	} flags;
 
 	struct uci_package *p;
 	struct uci_section *s;

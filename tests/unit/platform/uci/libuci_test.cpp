@@ -3,6 +3,7 @@
 // malformed files and concurrent committers.
 #include <uci.h>
 
+#include "uci_store.h"  // the parse context, opaque in the public header
 #include "uci_test_dir.h"
 
 #include <gtest/gtest.h>
@@ -505,17 +506,17 @@ TEST_F(Uci, LookupSyntax)
         ASSERT_EQ(lookup(ctx.get(), ptr, c.str), c.rc);
         if (c.rc != UCI_OK)
             continue;
-        EXPECT_TRUE(ptr.flags & UCI_LOOKUP_DONE);
+        EXPECT_TRUE(ptr.flags & uci_ptr::UCI_LOOKUP_DONE);
         EXPECT_EQ(ptr.p, loaded) << "an already loaded package is reused";
         EXPECT_EQ(ptr.target, UCI_TYPE_OPTION);
         if (c.value) {
-            EXPECT_TRUE(ptr.flags & UCI_LOOKUP_COMPLETE);
+            EXPECT_TRUE(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE);
             ASSERT_NE(ptr.o, nullptr);
             EXPECT_STREQ(ptr.o->v.string, c.value);
             EXPECT_EQ(ptr.last, &ptr.o->e);
             EXPECT_STREQ(ptr.section, ptr.s->e.name) << "index syntax gives the real name";
         } else {
-            EXPECT_FALSE(ptr.flags & UCI_LOOKUP_COMPLETE);
+            EXPECT_FALSE(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE);
             EXPECT_EQ(ptr.o, nullptr);
         }
     }
