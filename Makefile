@@ -7,13 +7,20 @@
 #   make bench  benchmarks (build-bench/), figures in bench/README.md
 #   make fuzz   every fuzz target for FUZZ_SECONDS each (FUZZ_TARGETS picks some)
 #   make soak   the daemon under traffic for SOAK_SECONDS (1200), memory checked
+#   make cross-test  cross-build for CROSS_ARCHS (every device target by default) and run the
+#               unit tests under qemu-user; make test runs it for TEST_CROSS_ARCHS
 JOBS ?= $(shell nproc)
 CMAKE_GEN := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CTEST := ctest --output-on-failure -j$(JOBS)
 
 FUZZ_SECONDS ?= 20
 
-.PHONY: all deps build build-asan build-tsan test test-plain test-asan test-tsan fuzz-short fuzz soak demo bench clean
+# Device targets (scripts/cross-arch.sh): 32-bit little-endian MIPS and 64-bit big-endian are
+# part of every test run; make cross-test takes them all.
+CROSS_ARCHS ?= mipsel s390x aarch64 armhf
+TEST_CROSS_ARCHS ?= mipsel s390x
+
+.PHONY: cross-test test-cross all deps build build-asan build-tsan test test-plain test-asan test-tsan fuzz-short fuzz soak demo bench clean
 
 all: build
 
@@ -52,7 +59,13 @@ fuzz-short: deps
 fuzz: deps
 	scripts/fuzz-short $(FUZZ_SECONDS) $(FUZZ_TARGETS)
 
-test: test-plain test-asan fuzz-short test-tsan
+test: test-plain test-asan fuzz-short test-tsan test-cross
+
+cross-test:
+	scripts/cross-test $(CROSS_ARCHS)
+
+test-cross:
+	scripts/cross-test $(TEST_CROSS_ARCHS)
 
 demo: build
 	scripts/demo
@@ -69,4 +82,4 @@ bench: deps
 	scripts/bench build-bench
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-cross

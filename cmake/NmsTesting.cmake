@@ -71,3 +71,21 @@ function(nms_sandbox_test)
   string(REPLACE ";" "|" env "${env}")
   nms_set_discovered_properties(${T_NAME} "LABELS=${labels}" "ENVIRONMENT=${env}")
 endfunction()
+
+# nms_program_path(<var> <target>)
+#   The path under which a test runs one of the tree's programs itself (fork and exec): the
+#   program, or in a cross build a script that runs it under the emulator, since this host
+#   cannot exec the target's binaries directly.
+function(nms_program_path var target)
+  if(CMAKE_CROSSCOMPILING_EMULATOR)
+    string(REPLACE ";" " " emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
+    set(wrapper ${CMAKE_BINARY_DIR}/emulated/${target})
+    file(GENERATE OUTPUT ${wrapper}
+      CONTENT "#!/bin/sh\nexec ${emulator} -0 $<TARGET_FILE_NAME:${target}> $<TARGET_FILE:${target}> \"$@\"\n"
+      FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+                       WORLD_READ WORLD_EXECUTE)
+    set(${var} ${wrapper} PARENT_SCOPE)
+  else()
+    set(${var} $<TARGET_FILE:${target}> PARENT_SCOPE)
+  endif()
+endfunction()
