@@ -1,10 +1,16 @@
 // cli.cpp - the `ubus` command-line tool: list published objects and call
 // their methods.
 //
-// Exit status is the command's result truncated to 8 bits. A positive bus
-// status prints "Command failed: <text>" and is the exit status; a negative
-// one (a handler's -1, say) prints nothing beyond the replies and exits with
-// its low 8 bits (255). Output does not depend on whether stderr is a terminal.
+// Exit status is the command's result truncated to 8 bits. On a terminal a
+// positive bus status prints "Command failed: <text>" and is the exit status;
+// a negative one (a handler's -1, say) prints nothing beyond the replies and
+// exits with its low 8 bits (255).
+//
+// When stderr is not a terminal (scripts, init scripts, other services), a
+// failed call is reported as the device's tool does: "Command failed: ubus call
+// <object> <method> [<message>] (<text>)" and the exit status 256 - status.
+// That makes status 2 look like the tool's own usage error (-2: usage text,
+// exit 254), and status -1 come out as 1 ("Command failed: Invalid command").
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +18,7 @@
 #include <string>
 
 #include <getopt.h>
+#include <unistd.h>
 
 #include <libubox/blobmsg.h>
 #include <libubox/blobmsg_json.h>
@@ -127,21 +134,40 @@ int cmd_list(ubus_context *ctx, const Options &opt, int argc, char **argv)
     return ubus_lookup(ctx, path, print_object, const_cast<Options *>(&opt));
 }
 
+// A failed call: the device tool's report when stderr is not a terminal (the status is then
+// returned negated), the status itself otherwise.
+int call_error(const Options &opt, int argc, char **argv, int err)
+{
+    if (opt.simple || isatty(fileno(stderr)))
+        return err;
+    fflush(stdout);  // replies first, as on a terminal
+    fprintf(stderr, "Command failed: ubus call ");
+    for (int i = 0; i < argc; i++)
+        fprintf(stderr, "%s ", argv[i]);
+    fprintf(stderr, "(%s)\n", ubus_strerror(err));
+    return -err;
+}
+
 int cmd_call(ubus_context *ctx, const Options &opt, int argc, char **argv)
 {
     blob_buf b = {};
     blob_buf_init(&b, 0);
     if (argc == 3 && !blobmsg_add_json_from_string(&b, argv[2])) {
-        if (!opt.simple)
-            fprintf(stderr, "Failed to parse message data\n");
         blob_buf_free(&b);
-        return -1;
+        if (!opt.simple && isatty(fileno(stderr))) {
+            fprintf(stderr, "Failed to parse message data\n");
+            return -1;
+        }
+        return call_error(opt, argc, argv, UBUS_STATUS_PARSE_ERROR);
     }
     uint32_t id = 0;
     int ret = ubus_lookup_id(ctx, argv[0], &id);
-    if (ret == 0)
+    if (ret == 0) {
         ret = ubus_invoke(ctx, id, argv[1], b.head, print_reply, const_cast<Options *>(&opt),
                           opt.timeout_s * 1000);
+        if (ret != 0)
+            ret = call_error(opt, argc, argv, ret);
+    }
     blob_buf_free(&b);
     return ret;
 }
@@ -198,12 +224,13 @@ int main(int argc, char **argv)
     } else if (!strcmp(argv[0], "call") && argc >= 3 && argc <= 4) {
         ret = cmd_call(ctx, opt, argc - 1, argv + 1);
     } else {
-        usage(prog);
         ret = -2;
     }
+    fflush(stdout);
     if (ret > 0 && !opt.simple)
         fprintf(stderr, "Command failed: %s\n", ubus_strerror(ret));
-    fflush(stdout);
+    else if (ret == -2)
+        usage(prog);
     ubus_free(ctx);
     return ret & 0xff;
 }

@@ -219,7 +219,7 @@ TEST(Devsim, AnswersTheDaemonsIdentityQueriesThroughTheBusTool)
 TEST(Devsim, RunsTheCommandsRegisteredForALinkStateWhenItIsSet)
 {
     auto reg = [](const std::string &cmd, const char *type, int wait, const char *action) {
-        return run("ubus call cloudclient register_cmd_callback '{ \"register_notify_cmd\": \"" +
+        return run("ubus -S call cloudclient register_cmd_callback '{ \"register_notify_cmd\": \"" +
                    cmd + "\", \"wait_time\": " + std::to_string(wait) + ", \"type\": \"" + type +
                    "\", \"action\":\"" + action + "\" }'")
             .status;
@@ -257,13 +257,13 @@ TEST(Devsim, RunsTheCommandsRegisteredForALinkStateWhenItIsSet)
     r = run("ubus -S call cloudclient set_status '{\"status\":\"online\"}'");
     EXPECT_EQ(r.output, "{\"status\":\"online\",\"launched\":1}\n");
 
-    SCOPED_TRACE("bad input: status 2, nothing changes");
+    SCOPED_TRACE("bad input: status 2 (the tool's simple output exits with it), nothing changes");
     EXPECT_EQ(reg("touch /tmp/x", "online", 0, "replace"), 2);
     EXPECT_EQ(reg("touch /tmp/x", "online", -1, "add"), 2);
-    EXPECT_EQ(run("ubus call cloudclient register_cmd_callback '{\"type\":\"online\"}'").status,
+    EXPECT_EQ(run("ubus -S call cloudclient register_cmd_callback '{\"type\":\"online\"}'").status,
               2);
-    EXPECT_EQ(run("ubus call cloudclient set_status '{\"status\":\"flaky\"}'").status, 2);
-    EXPECT_EQ(run("ubus call cloudclient set_status '{}'").status, 2);
+    EXPECT_EQ(run("ubus -S call cloudclient set_status '{\"status\":\"flaky\"}'").status, 2);
+    EXPECT_EQ(run("ubus -S call cloudclient set_status '{}'").status, 2);
     EXPECT_EQ(callbacks(), 2u);
     s = parse(run("ubus call cloudclient get_status").output);
     EXPECT_EQ(str(at(s.get(), {"status"})), "online");

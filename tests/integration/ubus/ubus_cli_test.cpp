@@ -170,31 +170,44 @@ TEST(UbusCli, CallsPrintRepliesAndStatusesAsTheDeviceToolDoes)
     r = run("ubus -S call test hello '{\"msg\": \"hi\"}'");
     EXPECT_EQ(r.output, "{\"msg\":\"hi\"}\n");
 
-    SCOPED_TRACE("a missing argument: status 2");
-    r = run("ubus call test hello '{\"id\": 1}'");
-    EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.output, "Command failed: Invalid argument\n");
+    // Not on a terminal (as here): a failed call names itself and exits with 256 - status.
+    SCOPED_TRACE("a missing argument: status 2, reported like a usage error, exit 254");
+    r = run("ubus call test hello '{\"id\": 1}' >/tmp/out 2>&1; s=$?; head -n 2 /tmp/out; exit $s");
+    EXPECT_EQ(r.status, 254);
+    EXPECT_EQ(r.output, "Command failed: ubus call test hello {\"id\": 1} (Invalid argument)\n"
+                        "Usage: ubus [<options>] <command> [arguments...]\n");
 
-    SCOPED_TRACE("a reply followed by status -1: the reply, nothing else, exit 255");
+    SCOPED_TRACE("a reply followed by status -1: the reply, then the tool's own failure, exit 1");
     r = run("ubus call test fail 2>/tmp/stderr");
-    EXPECT_EQ(r.status, 255);
+    EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.output, "{\n\t\"param_list\": \"a,b\"\n}\n");
-    EXPECT_EQ(itest::read_file("/tmp/stderr"), "");
+    EXPECT_EQ(itest::read_file("/tmp/stderr"),
+              "Command failed: ubus call test fail (Unknown error: -1)\n"
+              "Command failed: Invalid command\n");
 
     SCOPED_TRACE("an unanswered call times out after -t seconds, given after the arguments too");
     r = run("ubus call test hang -t 1");
-    EXPECT_EQ(r.status, 7);
-    EXPECT_EQ(r.output, "Command failed: Request timed out\n");
+    EXPECT_EQ(r.status, 256 - 7);
+    EXPECT_EQ(r.output, "Command failed: ubus call test hang (Request timed out)\n");
 
     SCOPED_TRACE("unknown method and object, bad JSON, no broker");
     r = run("ubus call test nope");
-    EXPECT_EQ(r.status, 3);
-    EXPECT_EQ(r.output, "Command failed: Method not found\n");
-    r = run("ubus call nothing hello");
+    EXPECT_EQ(r.status, 256 - 3);
+    EXPECT_EQ(r.output, "Command failed: ubus call test nope (Method not found)\n");
+    r = run("ubus call nothing hello");  // the object's look-up fails before any call
     EXPECT_EQ(r.status, 4);
     EXPECT_EQ(r.output, "Command failed: Not found\n");
     r = run("ubus call test hello '{\"msg\": '");
-    EXPECT_EQ(r.status, 255);
+    EXPECT_EQ(r.status, 244);
+    EXPECT_EQ(r.output, "Command failed: ubus call test hello {\"msg\":  (Parsing message data failed)\n");
+    r = run("ubus -S call test nope");  // scripts' simple output: the status alone
+    EXPECT_EQ(r.status, 3);
+    EXPECT_EQ(r.output, "");
+
+    SCOPED_TRACE("on a terminal: the short form, the status as exit code");
+    r = run("script -qec \"ubus call test hello '{\\\"id\\\": 1}'\" /dev/null | tr -d '\\r'");
+    EXPECT_EQ(r.output, "Command failed: Invalid argument\n");
+    r = run("script -qec \"ubus call test hello '{\\\"msg\\\": '\" /dev/null | tr -d '\\r'");
     EXPECT_EQ(r.output, "Failed to parse message data\n");
     r = run("ubus -s /tmp/no.sock list");
     EXPECT_EQ(r.status, 255);
