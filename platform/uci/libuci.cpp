@@ -95,8 +95,8 @@ int parse_ptr_str(uci_ptr *ptr, char *str)
     if (!valid_package(ptr->package))
         return UCI_ERR_PARSE;
     if (ptr->section) {
-        if (!*ptr->section)
-            return UCI_ERR_PARSE;
+        // An empty name ("pkg..opt") is not a name: it goes the extended way and is refused
+        // there as an invalid argument.
         if (!valid_name(ptr->section))
             add_flags(ptr, uci_ptr::UCI_LOOKUP_EXTENDED);
     }
@@ -747,17 +747,21 @@ int list_configs_impl(uci_context *ctx, char ***list)
     if (!list)
         return UCI_ERR_INVAL;
     std::vector<std::string> names;
+    bool any = false;  // a directory without entries is "not found", as a glob finding none
     if (DIR *d = opendir(ctx->confdir)) {
         std::unique_ptr<DIR, int (*)(DIR *)> hold(d, closedir);
         while (dirent *de = readdir(d)) {
             if (de->d_name[0] == '.')
                 continue;
+            any = true;
             std::string path = std::string(ctx->confdir) + "/" + de->d_name;
             struct stat st;
             if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && valid_package(de->d_name))
                 names.emplace_back(de->d_name);
         }
     }
+    if (!any)
+        return UCI_ERR_NOTFOUND;
     std::sort(names.begin(), names.end());
     // One block: the pointer array (NULL-terminated), then the strings.
     size_t size = (names.size() + 1) * sizeof(char *);
@@ -774,6 +778,173 @@ int list_configs_impl(uci_context *ctx, char ***list)
     }
     out[names.size()] = nullptr;
     *list = out;
+    return UCI_OK;
+}
+
+// ---------------------------------------------------------------------------
+// Import from a stream, and the batch tool's argument reader.
+
+// Applies the sections and options of src to p as recorded changes (deltas): the merge of an
+// import into a package that exists.
+int merge_package(uci_context *ctx, uci_package *p, uci_package *src)
+{
+    uci_element *se;
+    uci_foreach_element(&src->sections, se) {
+        uci_section *from = uci_to_section(se);
+        std::string section = from->e.name;
+        if (from->anonymous) {
+            uci_section *added = nullptr;
+            int rc = add_section_impl(p, from->type, &added, true);
+            if (rc != UCI_OK)
+                return rc;
+            section = added->e.name;
+        } else {
+            uci_ptr ptr{};
+            ptr.p = p;
+            ptr.package = p->e.name;
+            ptr.section = section.c_str();
+            ptr.value = from->type;
+            int rc = resolve_ptr(ctx, &ptr, false);
+            if (rc == UCI_OK)
+                rc = set_impl(&ptr, true);
+            if (rc != UCI_OK)
+                return rc;
+        }
+        uci_element *oe;
+        uci_foreach_element(&from->options, oe) {
+            uci_option *o = uci_to_option(oe);
+            std::vector<std::string> values;
+            if (o->type == UCI_TYPE_STRING) {
+                values.emplace_back(o->v.string);
+            } else {
+                uci_element *item;
+                uci_foreach_element(&o->v.list, item) values.emplace_back(item->name);
+            }
+            for (const std::string &v : values) {
+                uci_ptr ptr{};
+                ptr.p = p;
+                ptr.package = p->e.name;
+                ptr.section = section.c_str();
+                ptr.option = o->e.name;
+                ptr.value = v.c_str();
+                int rc = resolve_ptr(ctx, &ptr, false);
+                if (rc == UCI_OK)
+                    rc = o->type == UCI_TYPE_STRING ? set_impl(&ptr, true) : add_list_impl(&ptr, true);
+                if (rc != UCI_OK)
+                    return rc;
+            }
+        }
+    }
+    return UCI_OK;
+}
+
+// The stream holds one package, or several each opened by a "package <name>" line (the
+// writer's format with a header). name names the package of lines before any such line.
+int import_impl(uci_context *ctx, FILE *stream, const char *name, uci_package **package,
+                bool single)
+{
+    if (!stream || (name && !valid_package(name)))
+        return UCI_ERR_INVAL;
+    std::string text;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, stream)) > 0)
+        text.append(buf, n);
+    if (ferror(stream))
+        return UCI_ERR_IO;
+
+    // Cut the text at its package lines; each part keeps its own lines for error positions.
+    struct Part {
+        std::string name, text;
+    };
+    std::vector<Part> parts{{name ? name : "", ""}};
+    size_t at = 0;
+    while (at < text.size()) {
+        size_t end = text.find('\n', at);
+        end = end == std::string::npos ? text.size() : end + 1;
+        std::string line = text.substr(at, end - at);
+        Tokenizer tk(line);
+        std::vector<std::string> words;
+        if (tk.next(words) == Tokenizer::Result::Command && words.size() == 2 &&
+            words[0] == "package") {
+            if (!valid_package(words[1].c_str()))
+                return UCI_ERR_PARSE;
+            if (single && !parts.back().name.empty())
+                parts.back().name = words[1];  // the stream may rename its one package
+            else
+                parts.push_back({words[1], ""});
+        } else {
+            parts.back().text += line;
+        }
+        at = end;
+    }
+
+    const bool merge = single && package && *package;
+    uci_package *first = nullptr;
+    for (Part &part : parts) {
+        if (part.name.empty()) {
+            if (part.text.find_first_not_of(" \t\r\n") != std::string::npos)
+                return UCI_ERR_PARSE;  // lines before any package, and no name given
+            continue;
+        }
+        const std::string path = std::string(ctx->confdir) + "/" + part.name;
+        PackagePtr p = new_package(ctx, part.name.c_str(), path.c_str());
+        int rc = parse_package_text(ctx, p.get(), part.text);
+        if (rc != UCI_OK)
+            return rc;
+        if (merge) {
+            return merge_package(ctx, *package, p.get());
+        }
+        if (uci_package *old = find_package(ctx, part.name.c_str()))
+            free_package(old);
+        list_add_tail(&ctx->root, &p->e.list);
+        if (!first)
+            first = p.get();
+        p.release();
+        if (single)
+            break;
+    }
+    if (package)
+        *package = first;
+    return UCI_OK;
+}
+
+// Words of one line of the stream, kept in ctx->buf as NUL-terminated strings ending with an
+// empty one; *str walks them. A new line is read when *str is NULL.
+int parse_argument_impl(uci_context *ctx, FILE *stream, char **str, char **result)
+{
+    if (!stream || !str || !result)
+        return UCI_ERR_INVAL;
+    if (!*str) {
+        std::string line;
+        int c;
+        while ((c = fgetc(stream)) != EOF && c != '\n')
+            line += static_cast<char>(c);
+        Tokenizer tk(line);
+        std::vector<std::string> words;
+        if (tk.next(words) == Tokenizer::Result::Error)
+            return UCI_ERR_PARSE;
+        size_t need = 1;
+        for (const std::string &w : words)
+            need += w.size() + 1;
+        if (static_cast<size_t>(ctx->bufsz) < need) {
+            char *grown = static_cast<char *>(realloc(ctx->buf, need));
+            if (!grown)
+                return UCI_ERR_MEM;
+            ctx->buf = grown;
+            ctx->bufsz = static_cast<int>(need);
+        }
+        char *out = ctx->buf;
+        for (const std::string &w : words) {
+            memcpy(out, w.c_str(), w.size() + 1);
+            out += w.size() + 1;
+        }
+        *out = '\0';
+        *str = ctx->buf;
+    }
+    *result = *str;
+    if (**str)
+        *str += strlen(*str) + 1;
     return UCI_OK;
 }
 
@@ -852,6 +1023,7 @@ void uci_free_context(struct uci_context *ctx) noexcept
         free(uci_to_backend(e));
     }
     clear_parse_error(ctx);
+    free(ctx->buf);
     free(ctx->confdir);
     free(ctx->savedir);
     free(ctx);
@@ -930,6 +1102,17 @@ int uci_unload(struct uci_context *ctx, struct uci_package *p) noexcept
 int uci_list_configs(struct uci_context *ctx, char ***list) noexcept
 {
     return guarded(ctx, [&]() -> int { return list_configs_impl(ctx, list); });
+}
+
+int uci_import(struct uci_context *ctx, FILE *stream, const char *name,
+               struct uci_package **package, bool single) noexcept
+{
+    return guarded(ctx, [&]() -> int { return import_impl(ctx, stream, name, package, single); });
+}
+
+int uci_parse_argument(struct uci_context *ctx, FILE *stream, char **str, char **result) noexcept
+{
+    return guarded(ctx, [&]() -> int { return parse_argument_impl(ctx, stream, str, result); });
 }
 
 int uci_save(struct uci_context *ctx, struct uci_package *p) noexcept

@@ -7,6 +7,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,7 +20,7 @@ namespace {
 
 enum class Cmd {
     Get, Set, AddList, DelList, Delete, Rename, Reorder, Revert,
-    Add, Show, Export, Changes, Commit,
+    Add, Show, Export, Changes, Commit, Batch, Import,
 };
 
 struct CommandName {
@@ -33,7 +34,11 @@ const CommandName kCommands[] = {
     {"rename", Cmd::Rename},   {"ren", Cmd::Rename},      {"reorder", Cmd::Reorder},
     {"revert", Cmd::Revert},   {"add", Cmd::Add},         {"show", Cmd::Show},
     {"export", Cmd::Export},   {"changes", Cmd::Changes}, {"commit", Cmd::Commit},
+    {"batch", Cmd::Batch},     {"import", Cmd::Import},
 };
+
+constexpr int kBatchArgs = 4;   // words of one batch line, the command included
+constexpr int kBatchExit = 254; // "exit" ends a batch
 
 constexpr int kUsageExit = 255;
 
@@ -50,6 +55,9 @@ struct Cli {
     bool quiet = false;
     bool no_commit = false;     // -P: changes stay in the given save directory
     bool real_names = false;    // -X
+    bool merge = false;         // -m: import into the package as changes
+    bool in_batch = false;
+    FILE *input = stdin;        // -f: batch and import read this instead of stdin
 };
 
 void usage(const char *appname)
@@ -58,9 +66,11 @@ void usage(const char *appname)
             "Usage: %s [<options>] <command> [<arguments>]\n"
             "\n"
             "Commands:\n"
+            "\tbatch\n"
+            "\texport     [<config>]\n"
+            "\timport     [<config>]\n"
             "\tchanges    [<config>]\n"
             "\tcommit     [<config>]\n"
-            "\texport     [<config>]\n"
             "\tshow       [<config>[.<section>[.<option>]]]\n"
             "\tget        <config>.<section>[.<option>]\n"
             "\tset        <config>.<section>[.<option>]=<value>\n"
@@ -75,6 +85,8 @@ void usage(const char *appname)
             "Options:\n"
             "\t-c <path>  configuration directory (default: " UCI_CONFDIR ")\n"
             "\t-d <str>   delimiter between list items in get and show (default: ' ')\n"
+            "\t-f <file>  use <file> as input instead of stdin\n"
+            "\t-m         when importing, merge data into an existing package\n"
             "\t-n         export: name anonymous sections\n"
             "\t-N         export: do not name anonymous sections (default)\n"
             "\t-p <path>  add a read-only directory to search for changes\n"
@@ -341,11 +353,131 @@ bool find_command(const char *name, Cmd &cmd)
     return false;
 }
 
+int dispatch(Cli &cli, int argc, char **argv);
+
+// import [<config>]: packages from the input. Without -m every package read is written
+// over its file; with -m (a package must be named) the input becomes changes to it.
+int import_cmd(Cli &cli, int nargs, char **argv)
+{
+    if (nargs > 1)
+        return kUsageExit;
+    const char *name = nargs == 1 ? argv[1] : nullptr;
+    if (cli.merge && !name)
+        return kUsageExit;
+    uci_package *package = nullptr;
+    bool merge = false;
+    if (cli.merge) {
+        if (uci_load(cli.ctx, name, &package) != UCI_OK)
+            package = nullptr;
+        else
+            merge = true;
+    }
+    int rc = uci_import(cli.ctx, cli.input, name, &package, name != nullptr);
+    if (rc == UCI_OK) {
+        if (merge) {
+            rc = uci_save(cli.ctx, package);
+        } else {
+            uci_element *e, *tmp;
+            uci_foreach_element_safe(&cli.ctx->root, tmp, e) {
+                uci_package *p = uci_to_package(e);
+                rc = uci_commit(cli.ctx, &p, true);
+            }
+        }
+    }
+    if (rc != UCI_OK) {
+        cli_perror(cli);
+        return 1;
+    }
+    return 0;
+}
+
+// batch: one command a line from the input, words as in a package file, until the end or
+// "exit". Each line's packages are unloaded after it, so the next line sees saved changes.
+int batch_cmd(Cli &cli)
+{
+    cli.in_batch = true;
+    while (!feof(cli.input)) {
+        char *words[kBatchArgs + 1] = {};
+        std::vector<std::string> kept;
+        char *str = nullptr;
+        int n = 0;
+        bool too_many = false;
+        for (;;) {
+            char *word = nullptr;
+            if (uci_parse_argument(cli.ctx, cli.input, &str, &word) != UCI_OK) {
+                cli_perror(cli);
+                kept.clear();
+                break;
+            }
+            if (!*word)
+                break;
+            if (static_cast<int>(kept.size()) == kBatchArgs) {
+                too_many = true;
+                break;
+            }
+            kept.emplace_back(word);
+        }
+        if (too_many) {
+            if (!cli.quiet)
+                fprintf(stderr, "Too many arguments\n");
+            continue;
+        }
+        for (const std::string &w : kept)
+            words[n++] = const_cast<char *>(w.c_str());
+        if (n == 0)
+            continue;
+        if (strcasecmp(words[0], "exit") == 0)
+            break;
+        int rc = dispatch(cli, n, words);
+        if (rc == kUsageExit && !cli.quiet)
+            fprintf(stderr, "Unknown command\n");
+        fflush(stdout);
+        uci_element *e, *tmp;
+        uci_foreach_element_safe(&cli.ctx->root, tmp, e) uci_unload(cli.ctx, uci_to_package(e));
+    }
+    cli.in_batch = false;
+    return 0;
+}
+
+// One command with its arguments (argv[0] is the command). kUsageExit for an unknown
+// command or a wrong number of arguments, printed by the caller.
+int dispatch(Cli &cli, int argc, char **argv)
+{
+    Cmd cmd;
+    if (!find_command(argv[0], cmd))
+        return kUsageExit;
+    int nargs = argc - 1;
+    switch (cmd) {
+    case Cmd::Batch:
+        if (cli.in_batch)
+            return kUsageExit;
+        return batch_cmd(cli);
+    case Cmd::Import:
+        return import_cmd(cli, nargs, argv);
+    case Cmd::Show:
+    case Cmd::Export:
+    case Cmd::Changes:
+    case Cmd::Commit:
+        if (nargs > 1)
+            break;
+        return nargs == 0 ? all_packages_cmd(cli, cmd) : package_cmd(cli, cmd, argv[1]);
+    case Cmd::Add:
+        if (nargs != 2)
+            break;
+        return add_cmd(cli, argv[1], argv[2]);
+    default:
+        if (nargs != 1)
+            break;
+        return section_cmd(cli, cmd, argv[1]);
+    }
+    return kUsageExit;
+}
+
 int run(Cli &cli, int argc, char **argv)
 {
     // '+': options end at the first command word, as on the device's libc.
     int opt;
-    while ((opt = getopt(argc, argv, "+c:d:nNp:P:qsSt:X")) != -1) {
+    while ((opt = getopt(argc, argv, "+c:d:f:mnNp:P:qsSt:X")) != -1) {
         uci_context *ctx = cli.ctx;
         switch (opt) {
         case 'c':
@@ -353,6 +485,23 @@ int run(Cli &cli, int argc, char **argv)
             break;
         case 'd':
             cli.delimiter = optarg;
+            break;
+        case 'f':
+            if (cli.input != stdin) {
+                fclose(cli.input);
+                cli.input = stdin;
+                fprintf(stderr, "Too many input files.\n");
+                return 1;
+            }
+            cli.input = fopen(optarg, "r");
+            if (!cli.input) {
+                cli.input = stdin;
+                fprintf(stderr, "uci: %s", strerror(errno));
+                return 1;
+            }
+            break;
+        case 'm':
+            cli.merge = true;
             break;
         case 'n':
             ctx->flags = static_cast<uci_flags>(ctx->flags | UCI_FLAG_EXPORT_NAME);
@@ -394,31 +543,10 @@ int run(Cli &cli, int argc, char **argv)
         usage(cli.appname);
         return 0;
     }
-    Cmd cmd;
-    if (!find_command(argv[0], cmd)) {
+    int rc = dispatch(cli, argc, argv);
+    if (rc == kUsageExit)
         usage(cli.appname);
-        return kUsageExit;
-    }
-    int nargs = argc - 1;
-    switch (cmd) {
-    case Cmd::Show:
-    case Cmd::Export:
-    case Cmd::Changes:
-    case Cmd::Commit:
-        if (nargs > 1)
-            break;
-        return nargs == 0 ? all_packages_cmd(cli, cmd) : package_cmd(cli, cmd, argv[1]);
-    case Cmd::Add:
-        if (nargs != 2)
-            break;
-        return add_cmd(cli, argv[1], argv[2]);
-    default:
-        if (nargs != 1)
-            break;
-        return section_cmd(cli, cmd, argv[1]);
-    }
-    usage(cli.appname);
-    return kUsageExit;
+    return rc;
 }
 
 }  // namespace
@@ -435,6 +563,8 @@ int main(int argc, char **argv)
     if (argc > 0 && argv[0])
         cli.appname = argv[0];
     int rc = run(cli, argc, argv);
+    if (cli.input != stdin)
+        fclose(cli.input);
     if (fflush(stdout) != 0 && rc == 0)
         rc = 1;
     return rc;

@@ -217,6 +217,13 @@ int uci_set_backend(struct uci_context *ctx, const char *name) UCI_NOEXCEPT;
 int uci_load(struct uci_context *ctx, const char *name, struct uci_package **package) UCI_NOEXCEPT;
 int uci_unload(struct uci_context *ctx, struct uci_package *p) UCI_NOEXCEPT;
 int uci_list_configs(struct uci_context *ctx, char ***list) UCI_NOEXCEPT;
+/* Reads packages from a stream in the file format ("package <name>" lines start each one).
+ * With single and *package set, the stream is merged into that package as changes. */
+int uci_import(struct uci_context *ctx, FILE *stream, const char *name,
+               struct uci_package **package, bool single) UCI_NOEXCEPT;
+/* The next word of a line of the stream (the batch tool's reader): *str NULL reads a new
+ * line; an empty *result ends the line. */
+int uci_parse_argument(struct uci_context *ctx, FILE *stream, char **str, char **result) UCI_NOEXCEPT;
 
 /* Saving changes as deltas, and writing them into the package file. */
 int uci_save(struct uci_context *ctx, struct uci_package *p) UCI_NOEXCEPT;

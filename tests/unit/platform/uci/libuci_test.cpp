@@ -498,7 +498,7 @@ TEST_F(Uci, LookupSyntax)
         {"ut_pkg.@a[x]", UCI_ERR_INVAL, nullptr},
         {"a.b.c.d", UCI_ERR_PARSE, nullptr},
         {"ut_pkg.one.bad-opt", UCI_ERR_PARSE, nullptr},
-        {"ut_pkg..o", UCI_ERR_PARSE, nullptr},
+        {"ut_pkg..o", UCI_ERR_INVAL, nullptr},
         {"ut_missing.s.o", UCI_ERR_NOTFOUND, nullptr},
     };
     for (const Case &c : cases) {

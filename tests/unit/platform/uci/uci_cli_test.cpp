@@ -112,6 +112,7 @@ TEST_F(UciCli, ErrorsAndExitCodes)
         {{"rename", "ut.none=x"}, notfound, 1},
         {{"add", "ut_missing", "t"}, notfound, 3},
         {{"get", "ut.bad-name"}, inval, 1},
+        {{"get", "ut..proto"}, inval, 1},
         {{"set", "ut.nosec.opt=v"}, inval, 1},
         {{"get", "a.b.c.d"}, "uci: Parse error\n", 1},
         {{"get", "ut_bad.a"}, "uci: Parse error (invalid command) at line 2, byte 7\n", 1},
@@ -146,6 +147,56 @@ TEST_F(UciCli, ErrorsAndExitCodes)
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.err, "uci: Parse error (invalid command) at line 2, byte 7\n");
     EXPECT_NE(r.out.find("ut.lan.proto='static'\n"), std::string::npos) << r;
+
+    SCOPED_TRACE("a configuration directory that does not exist");
+    r = raw({"-c", dir.root() + "/missing", "show"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, notfound);
+}
+
+TEST_F(UciCli, BatchAndImportReadTheInputFile)
+{
+    const std::string in = dir.root() + "/input";
+    SCOPED_TRACE("batch: one command a line until exit; bad lines are reported and skipped");
+    write_file(in, "set ut.lan.proto=dhcp\n"
+                   "add_list ut.lan.dns='9.9.9.9'\n"
+                   "get ut.lan.proto\n"
+                   "bogus x\n"
+                   "set a b c d e\n"
+                   "exit\n"
+                   "set ut.lan.proto=never\n");
+    CliRun r = uci({"-f", in, "batch"});
+    EXPECT_EQ(r.status, 0) << r;
+    EXPECT_EQ(r.out, "dhcp\n");
+    EXPECT_EQ(r.err, "Unknown command\nToo many arguments\n");
+    expect({"changes", "ut"}, "ut.lan.proto='dhcp'\nut.lan.dns+='9.9.9.9'\n");
+
+    SCOPED_TRACE("import: each package of the input written over its file");
+    write_file(in, "package sys\nconfig system\n\toption hostname 'ap'\n"
+                   "package net\nconfig iface 'wan'\n\tlist dns '8.8.8.8'\n");
+    expect({"-f", in, "import"}, "");
+    EXPECT_EQ(read_file(dir.conf_file("net")), "\nconfig iface 'wan'\n\tlist dns '8.8.8.8'\n\n");
+    expect({"get", "sys.@system[0].hostname"}, "ap\n");
+
+    SCOPED_TRACE("import -m: the input becomes changes to the named package");
+    write_file(in, "config iface 'lan'\n\toption mtu '1400'\nconfig rule\n\toption name 'r2'\n");
+    expect({"-m", "-f", in, "import", "ut"}, "");
+    r = uci({"changes", "ut"});
+    EXPECT_NE(r.out.find("ut.lan.mtu='1400'\n"), std::string::npos) << r;
+    EXPECT_TRUE(std::regex_search(r.out, std::regex("ut.cfg[0-9a-f]{6}='rule'\nut.cfg[0-9a-f]{6}.name='r2'\n")))
+        << r;
+    EXPECT_EQ(read_file(dir.conf_file("ut")), kConfig);
+
+    SCOPED_TRACE("bad input");
+    EXPECT_EQ(uci({"-m", "import"}).status, 255);  // nothing to merge into
+    r = uci({"-f", dir.root() + "/none", "import"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "uci: No such file or directory");
+    write_file(in, "config iface 'x'\n\tbogus word\n");
+    r = uci({"-f", in, "import", "ut2"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "uci: Parse error (invalid command) at line 2, byte 11\n");
+    EXPECT_FALSE(file_exists(dir.conf_file("ut2")));
 }
 
 TEST_F(UciCli, ChangesThenCommitThenShowAndExport)
