@@ -9,6 +9,8 @@
 #   make soak   the daemon under traffic for SOAK_SECONDS (1200), memory checked
 #   make cross-test  cross-build for CROSS_ARCHS (every device target by default) and run the
 #               unit tests under qemu-user; make test runs it for TEST_CROSS_ARCHS
+#   make ipk ARCH=<target>  OpenWrt packages (.ipk) of the device build in build-ipk/; make
+#               test packs and checks them for TEST_CROSS_ARCHS (scripts/ipk-test)
 JOBS ?= $(shell nproc)
 CMAKE_GEN := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CTEST := ctest --output-on-failure -j$(JOBS)
@@ -20,7 +22,7 @@ FUZZ_SECONDS ?= 20
 CROSS_ARCHS ?= mipsel s390x aarch64 armhf
 TEST_CROSS_ARCHS ?= mipsel s390x
 
-.PHONY: cross-test test-cross all deps build build-asan build-tsan test test-plain test-asan test-tsan fuzz-short fuzz soak demo bench clean
+.PHONY: cross-test test-cross ipk test-ipk all deps build build-asan build-tsan test test-plain test-asan test-tsan fuzz-short fuzz soak demo bench clean
 
 all: build
 
@@ -59,13 +61,22 @@ fuzz-short: deps
 fuzz: deps
 	scripts/fuzz-short $(FUZZ_SECONDS) $(FUZZ_TARGETS)
 
-test: test-plain test-asan fuzz-short test-tsan test-cross
+test: test-plain test-asan fuzz-short test-tsan test-cross test-ipk
 
 cross-test:
 	scripts/cross-test $(CROSS_ARCHS)
 
 test-cross:
 	scripts/cross-test $(TEST_CROSS_ARCHS)
+
+ipk:
+	@[ -n "$(ARCH)" ] || { echo "make ipk ARCH=<target>: a target is one of $(CROSS_ARCHS)" >&2; exit 2; }
+	scripts/install-deps --cross $(ARCH)
+	scripts/ipk $(ARCH)
+
+test-ipk:
+	scripts/install-deps --cross $(TEST_CROSS_ARCHS)
+	scripts/ipk-test $(TEST_CROSS_ARCHS)
 
 demo: build
 	scripts/demo
@@ -82,4 +93,4 @@ bench: deps
 	scripts/bench build-bench
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz build-cross
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-cross build-ipk
