@@ -78,7 +78,11 @@ test-ipk:
 	scripts/install-deps --cross $(TEST_CROSS_ARCHS)
 	scripts/ipk-test $(TEST_CROSS_ARCHS)
 
-demo: build
+# The demo needs no tests: its own build folder, configured without them.
+demo: deps
+	cmake -S . -B build-demo $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNMS_BUILD_TESTS=OFF
+	cmake --build build-demo -j$(JOBS)
+	cmake --install build-demo --prefix build-demo/stage/usr >/dev/null
 	scripts/demo
 
 # A long run under traffic that checks the daemon's memory stays flat: make soak SOAK_SECONDS=N
@@ -93,4 +97,4 @@ bench: deps
 	scripts/bench build-bench
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz build-cross build-ipk
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-cross build-ipk build-demo

@@ -7,6 +7,9 @@
 //   GET  /api/stats                  counts per path, bytes
 //   GET|POST /api/faults             pending fault orders / add one ({"status":500,"count":3},
 //                                    {"hang_ms":12000}, {"drop":true}, {"clear":true})
+//   GET|POST /api/device             the device's link state as the cloud sees it: POST
+//                                    {"status":"online"|"offline"} (devsim --tell); GET gives
+//                                    it with the time it changed and the time of the last report
 //   GET  /                           the page
 // The same record is also available as JSON lines at /_cloudsim/messages, and fault orders are
 // taken at /_cloudsim/fault too.
@@ -17,6 +20,8 @@
 #include <httplib.h>
 
 #include <arpa/inet.h>
+
+#include <atomic>
 #include <dirent.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -263,6 +268,29 @@ public:
         svr.Post("/api/faults", post_faults);
         svr.Get("/_cloudsim/fault", get_faults);
         svr.Post("/_cloudsim/fault", post_faults);
+        svr.Get("/api/device", [this](const httplib::Request &, httplib::Response &r) {
+            std::lock_guard<std::mutex> hold(device_mutex_);
+            r.set_content("{\"status\":\"" + device_status_ + "\",\"since_ms\":" +
+                              std::to_string(device_since_ms_) + ",\"last_report_ms\":" +
+                              std::to_string(last_report_ms_.load()) +
+                              ",\"now_ms\":" + std::to_string(now_ms()) + "}",
+                          kJson);
+        });
+        svr.Post("/api/device", [this](const httplib::Request &q, httplib::Response &r) {
+            std::string status;
+            if (q.body.find("\"online\"") != std::string::npos)
+                status = "online";
+            else if (q.body.find("\"offline\"") != std::string::npos)
+                status = "offline";
+            else
+                return bad_request(r, "give {\"status\":\"online\"} or {\"status\":\"offline\"}");
+            std::lock_guard<std::mutex> hold(device_mutex_);
+            if (status != device_status_) {
+                device_status_ = status;
+                device_since_ms_ = now_ms();
+            }
+            r.set_content("{\"code\":0}", kJson);
+        });
         svr.Get("/_cloudsim/messages", [this](const httplib::Request &, httplib::Response &r) {
             r.set_content(store_.record_lines(), "application/x-ndjson");
         });
@@ -332,6 +360,7 @@ private:
         cloudsim::Record rec;
         cloudsim::Answer a = store_.receive(q.path, q.get_header_value("Content-Type"), q.body,
                                             now_ms(), &rec);
+        last_report_ms_.store(rec.time_ms);
         if (record_) {
             std::string line = cloudsim::ReportStore::record_line(rec);
             std::lock_guard<std::mutex> hold(record_mutex_);
@@ -367,6 +396,10 @@ private:
     Stopper stopper_;
     FilePtr record_;
     std::mutex record_mutex_;  // one line at a time into the record file
+    std::mutex device_mutex_;
+    std::string device_status_ = "unknown";  // until devsim tells
+    int64_t device_since_ms_ = 0;
+    std::atomic<int64_t> last_report_ms_{0};
 };
 
 }  // namespace

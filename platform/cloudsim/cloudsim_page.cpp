@@ -25,12 +25,20 @@ code, .mono { font-family: ui-monospace, monospace; font-size: 12px; }
 .head { color: #555; }
 button { margin: 2px 4px 2px 0; }
 #status { color: #777; }
+.device { font-weight: 600; margin: .3em 0; }
+.device.online { color: #176617; }
+.device.offline { color: #b33; }
+.note { color: #555; font-style: italic; }
 pre { white-space: pre-wrap; word-break: break-all; margin: .3em 0; }
 </style>
 </head>
 <body>
 <h1>cloudsim</h1>
+<div id="device" class="device">device: waiting for the cloud client to say whether it is online</div>
 <div id="status">connecting...</div>
+<p class="head">What the management service received from the device, newest first. Event
+reports carry one batch each: a list that buffers (lists 3 to 7) sends all the events it
+gathered in one report. All times are UTC.</p>
 
 <h2>Received</h2>
 <table id="paths"><thead><tr><th>path</th><th>reports</th><th>bytes</th></tr></thead>
@@ -73,9 +81,16 @@ function table(headers, rows) {
   return t;
 }
 
+// Every time on the page is UTC, the events' own stamps included.
 function when(ms) {
   const n = Number(ms);
-  return isFinite(n) && n > 0 ? new Date(n).toISOString() : String(ms);
+  return isFinite(n) && n > 0 ?
+      new Date(n).toISOString().replace("T", " ").replace("Z", " UTC") : String(ms);
+}
+
+function ago(ms, now) {
+  const s = Math.max(0, Math.round((now - ms) / 1000));
+  return s < 120 ? s + " s ago" : Math.round(s / 60) + " min ago";
 }
 
 function text(v) {
@@ -111,6 +126,11 @@ function reportView(r) {
       "  answered " + (r.status === 0 ? "nothing (dropped)" : r.status) +
       "  " + r.bytes + " bytes" + (r.json_ok ? "" : r.json ? "  (text after the JSON: " +
       JSON.stringify(r.trailing) + ")" : "  (not JSON)")));
+  if (!r.json_ok && r.json && String(r.trailing).trim() === "}") {
+    box.appendChild(el("div", "The extra \"}\" at the end is what the device sends: its " +
+        "event reports close the envelope once more than the JSON needs. Shown as received; " +
+        "the report is read without it.", "note"));
+  }
   const j = r.json;
   if (j && typeof j === "object" && Array.isArray(j.devEventList)) {
     box.appendChild(eventView(j));
@@ -152,8 +172,17 @@ async function poll() {
     const faults = await getJson("/api/faults");
     document.getElementById("faults").textContent = faults.pending.length ?
         "pending: " + JSON.stringify(faults.pending) : "no pending fault orders";
+    const dev = await getJson("/api/device");
+    const d = document.getElementById("device");
+    d.className = "device " + dev.status;
+    d.textContent = (dev.status === "unknown" ?
+        "device: the cloud client has not said whether it is online" :
+        "device: cloud client " + dev.status + " since " + when(dev.since_ms) + " (" +
+        ago(dev.since_ms, dev.now_ms) + ")") +
+        (dev.last_report_ms > 0 ? "; last report " + ago(dev.last_report_ms, dev.now_ms) +
+         " (" + when(dev.last_report_ms) + ")" : "; no report yet");
     document.getElementById("status").textContent = stats.total + " report(s), " +
-        stats.bytes + " bytes since the last clear; updated " + new Date().toLocaleTimeString();
+        stats.bytes + " bytes since the last clear; updated " + when(dev.now_ms);
   } catch (e) {
     document.getElementById("status").textContent = "cannot reach cloudsim: " + e;
   }

@@ -11,7 +11,11 @@
 #include <libubox/blobmsg.h>
 #include <libubox/uloop.h>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <signal.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -36,6 +40,7 @@ struct Options {
     bool online = false;
     std::string site_id = "sandbox-site";
     std::string mac = "00-11-22-33-44-55";
+    std::string tell;    // http://HOST:PORT/PATH that hears of each link state, or empty
 };
 
 struct Callback {
@@ -254,6 +259,48 @@ static_assert(ARRAY_SIZE(set_policy) == SET_COUNT, "one policy entry per argumen
 
 // Sets the link state and announces it: every command registered for the state runs, whether
 // or not the state changed (a link that flapped is announced again).
+// Tells the cloud stand-in the link state, as a real cloud learns it from the connection:
+// one small POST {"status": "online"|"offline"} over loopback, the answer not awaited. A
+// stand-in that is not there changes nothing.
+void tell_cloud(bool online)
+{
+    const std::string &url = g_opt.tell;
+    if (url.compare(0, 7, "http://") != 0)
+        return;
+    std::string rest = url.substr(7);
+    size_t slash = rest.find('/');
+    std::string hostport = rest.substr(0, slash), path = slash == std::string::npos ? "/" : rest.substr(slash);
+    size_t colon = hostport.rfind(':');
+    std::string host = hostport.substr(0, colon);
+    int port = colon == std::string::npos ? 80 : std::atoi(hostport.c_str() + colon + 1);
+    sockaddr_in sa{};
+    sa.sin_family = AF_INET;
+    sa.sin_port = htons(static_cast<uint16_t>(port));
+    if (port <= 0 || port > 65535 || inet_pton(AF_INET, host.c_str(), &sa.sin_addr) != 1) {
+        say("--tell %s: give http://ADDRESS:PORT/PATH with a numeric address", url.c_str());
+        return;
+    }
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return;
+    timeval tv{1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+    if (connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0) {
+        std::string body = std::string("{\"status\":\"") + state_name(online) + "\"}";
+        std::string req = "POST " + path + " HTTP/1.0\r\nHost: " + hostport +
+                          "\r\nContent-Type: application/json\r\nContent-Length: " +
+                          std::to_string(body.size()) + "\r\n\r\n" + body;
+        ssize_t n = send(fd, req.data(), req.size(), MSG_NOSIGNAL);
+        (void)n;
+        shutdown(fd, SHUT_WR);
+        char sink[256];
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        while (recv(fd, sink, sizeof sink, 0) > 0) {
+        }
+    }
+    close(fd);
+}
+
 int set_status(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *,
                blob_attr *msg)
 {
@@ -275,6 +322,7 @@ int set_status(ubus_context *ctx, ubus_object *, ubus_request_data *req, const c
     }
     g_online = online;
     say("cloud link %s", state_name(online));
+    tell_cloud(online);
     unsigned n = run_callbacks_of(state_name(online));
     blob_buf_init(&g_reply, 0);
     blobmsg_add_string(&g_reply, "status", state_name(online));
@@ -387,6 +435,7 @@ void try_connect(uloop_timeout *t)
     g_ctx = ctx;
     say("on the bus: cloudclient (%s, site %s) and varnServer (mac %s)", state_name(g_online),
         g_opt.site_id.c_str(), g_opt.mac.c_str());
+    tell_cloud(g_online);
 }
 
 // ---- options -------------------------------------------------------------------------------
@@ -399,7 +448,9 @@ void usage(FILE *to)
                "$DEVSIM_SITE_ID)\n"
                "  --mac MAC     what varnServer getInfo answers (default 00-11-22-33-44-55, or "
                "$DEVSIM_MAC)\n"
-               "  -s SOCKET     bus socket (default the library's)\n",
+               "  -s SOCKET     bus socket (default the library's)\n"
+               "  --tell URL    POST each link state to http://ADDRESS:PORT/PATH (cloudsim's\n"
+               "                /api/device), as the cloud would see the client come and go\n",
                to);
 }
 
@@ -428,7 +479,7 @@ bool parse_options(int argc, char **argv)
             usage(stdout);
             std::exit(0);
         }
-        if (a != "--status" && a != "--site-id" && a != "--mac" && a != "-s") {
+        if (a != "--status" && a != "--site-id" && a != "--mac" && a != "-s" && a != "--tell") {
             std::fprintf(stderr, "devsim: unknown argument '%s'\n", a.c_str());
             usage(stderr);
             return false;
@@ -445,6 +496,8 @@ bool parse_options(int argc, char **argv)
             g_opt.site_id = v;
         } else if (a == "--mac") {
             g_opt.mac = v;
+        } else if (a == "--tell") {
+            g_opt.tell = v;
         } else {
             g_opt.socket = v;
         }
