@@ -171,10 +171,15 @@ namespace {
 // it, or null.
 class StrictJson {
 public:
-    StrictJson(const char *text, size_t len) : end_(text + len) {}
+    // library_safe: also refuse what strict JSON allows but the JSON library may not take
+    // (nesting deeper than kLibrarySafeDepth, exponents, integers of more than 18 digits),
+    // so that a text this accepts is certain to be accepted by the library too.
+    StrictJson(const char *text, size_t len, bool library_safe = false)
+        : end_(text + len), max_depth_(library_safe ? kLibrarySafeDepth : kMaxDepth),
+          library_safe_(library_safe) {}
     const char *value(const char *p, int depth) const {
         p = blanks(p);
-        if (p == end_ || depth > kMaxDepth)
+        if (p == end_ || depth > max_depth_)
             return nullptr;
         switch (*p) {
         case '{': return members(p + 1, depth);
@@ -194,6 +199,8 @@ public:
 
 private:
     static constexpr int kMaxDepth = 64;
+    static constexpr int kLibrarySafeDepth = 16;   // the library refuses from 32 on
+    static constexpr long kLibrarySafeDigits = 18; // an int64 holds every 18-digit integer
     const char *members(const char *p, int depth) const {
         p = blanks(p);
         if (p < end_ && *p == '}')
@@ -264,9 +271,13 @@ private:
     const char *number(const char *p) const {
         if (p < end_ && *p == '-')
             p++;
+        const char *int_start = p;
         if (p < end_ && *p == '0')
             p++;
         else if (!(p = digits(p)))
+            return nullptr;
+        if (library_safe_ && (p - int_start > kLibrarySafeDigits ||
+                              (p < end_ && (*p == 'e' || *p == 'E'))))
             return nullptr;
         if (p < end_ && *p == '.' && !(p = digits(p + 1)))
             return nullptr;
@@ -280,6 +291,8 @@ private:
         return p;
     }
     const char *end_;
+    const int max_depth_;
+    const bool library_safe_;
 };
 
 }  // namespace
@@ -288,6 +301,20 @@ bool json_text_is_strict(const char *text, size_t len) noexcept {
     StrictJson reader(text, len);
     const char *p = reader.value(text, 0);
     return p && reader.blanks(p) == text + len;
+}
+
+size_t json_plain_value_length(const char *text, size_t len) noexcept {
+    if (!text)
+        return 0;
+    StrictJson reader(text, len, true);
+    const char *start = reader.blanks(text);
+    const char *p = reader.value(text, 0);
+    if (!p || reader.blanks(p) != text + len)
+        return 0;
+    // null is a value, but not params: the library's path refuses it with its message.
+    if (static_cast<size_t>(p - start) == 4 && std::memcmp(start, "null", 4) == 0)
+        return 0;
+    return static_cast<size_t>(p - text);
 }
 
 json_object *json_parse_value(const char *text, size_t *end) noexcept {

@@ -57,6 +57,10 @@ json_object *json_parse_value(const char *text, size_t *end) noexcept;
 // parser above also takes comments, single quotes, trailing commas and NaN, which the
 // management service's reader refuses).
 bool json_text_is_strict(const char *text, size_t len) noexcept;
+// When the len bytes of text are exactly one strict JSON value other than null (blanks around
+// it allowed), with nothing in it the JSON library could refuse: the length up to the end of
+// that value. Otherwise 0. Such a text needs no parse: the library takes it, as it stands.
+size_t json_plain_value_length(const char *text, size_t len) noexcept;
 
 // Puts the identity head {"projectId":..,"deviceMac":..,"deviceType":.. without its closing
 // brace in front of the text held in buf (which must begin with a comma) and closes the object.

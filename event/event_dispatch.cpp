@@ -68,7 +68,13 @@ extern "C" int msg_handle_dispatch(nms_event_msg *frame, int list) noexcept {
     size_t len = strnlen(frame->params, sizeof(frame->params));
     const char *params = frame->params;
     char rewritten[NMS_EVENT_PARAMS_MAX];
-    if (len > 0) {
+    // Most params are plain JSON as producers write it: checked by the strict reader alone,
+    // without the JSON library's parse (a tokener, a locale switch and an object tree an
+    // event), they are kept as they stand, as the library's path would keep them.
+    size_t plain = len > 0 && len < NMS_EVENT_PARAMS_MAX ? json_plain_value_length(params, len) : 0;
+    if (plain > 0) {
+        len = plain;
+    } else if (len > 0) {
         JsonPtr parsed;
         size_t end = len;
         if (len < NMS_EVENT_PARAMS_MAX)

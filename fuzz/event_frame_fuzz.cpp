@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "cloud_report.h"
 #include "event_dispatch.h"
@@ -63,6 +64,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (size < 1)
         return 0;
     const int list = data[0] % NMS_EVENT_LIST_NUM;
+    {
+        // What the daemon keeps without the JSON library's parse, the library must take as
+        // one non-null value ending at the same place.
+        std::string text(reinterpret_cast<const char *>(data + 1), size - 1);
+        text.resize(strnlen(text.c_str(), text.size()));
+        size_t plain = json_plain_value_length(text.c_str(), text.size());
+        if (plain > 0) {
+            size_t end = 0;
+            json_object *o = json_parse_value(text.c_str(), &end);
+            if (!o || end != plain || json_object_get_type(o) == json_type_null)
+                abort();
+            json_object_put(o);
+        }
+    }
     nms_event_msg frame;
     std::memset(&frame, 0, sizeof(frame));
     frame.mtype = 1;

@@ -191,3 +191,41 @@ TEST(StrictJson, TakesStandardJsonAndRefusesTheParsersExtensions) {
     for (const char *t : bad)
         EXPECT_FALSE(json_text_is_strict(t, std::strlen(t))) << t;
 }
+
+// Texts taken without the JSON library's parse must be texts the library takes too, ending
+// where it ends: the agreement is what lets the daemon skip the parse.
+TEST(StrictJson, PlainValuesNeedNoParseAndTheLibraryAgrees) {
+    auto nested = [](int depth) {
+        return std::string(depth, '[') + "1" + std::string(depth, ']');
+    };
+    struct Case {
+        std::string text;
+        size_t plain;  // expected length, 0: left to the library
+    } cases[] = {
+        {"{\"xx\":\"xx\"}", 11},
+        {"  {\"a\":[1,2.25,-3,true,false,null,\"s\"]}\n", 39},
+        {"\"just a string\"", 15},
+        {"-123456789012345678", 19},     // 18 digits: an int64 holds it
+        {"1234567890123456789", 0},      // 19 digits: the library's range decides
+        {"1e5", 0},                      // exponents: the library's range decides
+        {"null", 0},                     // null: refused on the library's path
+        {" null ", 0},
+        {"{}]}]}},{\"x\":1", 0},          // a value and more: the library's path cuts it
+        {"1//x", 0},                     // extensions: rewritten on the library's path
+        {nested(16), 33},
+        {nested(17), 0},                 // deep nesting: the library's limit decides
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.text);
+        size_t plain = json_plain_value_length(c.text.c_str(), c.text.size());
+        EXPECT_EQ(plain, c.plain);
+        if (plain == 0)
+            continue;
+        size_t end = 0;
+        json_object *o = json_parse_value(c.text.c_str(), &end);
+        ASSERT_NE(o, nullptr);
+        EXPECT_EQ(end, plain);
+        EXPECT_NE(json_object_get_type(o), json_type_null);
+        json_object_put(o);
+    }
+}
