@@ -103,11 +103,10 @@ extern "C" int msg_handle_dispatch(nms_event_msg *frame, int list) noexcept {
             len = text_len;
         }
     }
-    auto *info = static_cast<nms_event_info *>(MEM_GUARD_ALLOC(sizeof(nms_event_info)));
-    if (!info) {
-        NMS_LOG_ERROR("malloc failed!");
-        return -1;
-    }
+    // The event is built in a block of this worker's own, not a tracked allocation per event:
+    // the list copies what it keeps, and nothing else sees the block.
+    static thread_local nms_event_info block;
+    nms_event_info *info = &block;
     std::memset(info, 0, sizeof(*info));
     info->id = frame->id;
     info->time = frame->time;
@@ -121,7 +120,5 @@ extern "C" int msg_handle_dispatch(nms_event_msg *frame, int list) noexcept {
         insert_node_to_list(list, info, 0);
     else
         insert_node_to_list_by_policy(list, info);
-    NMS_LOG_TRACE("%s:%d::free(%p)\n", __func__, __LINE__, static_cast<void *>(info));
-    mem_guard_free(info);
     return 0;
 }
