@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cctype>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -237,8 +238,23 @@ private:
                 return nullptr;
         }
     }
+    // Eight bytes at a time over the plain part of a string: none of them a quote, a
+    // backslash or a control character (the word tests hold in either byte order).
+    static bool plain_word(uint64_t v) {
+        constexpr uint64_t ones = 0x0101010101010101ull, highs = 0x8080808080808080ull;
+        const uint64_t quote = v ^ (ones * '"'), slash = v ^ (ones * '\\');
+        const uint64_t special = ((quote - ones) & ~quote) | ((slash - ones) & ~slash) |
+                                 ((v - ones * 0x20) & ~v);
+        return (special & highs) == 0;
+    }
     const char *string(const char *p) const {
-        for (p++; p < end_; p++) {
+        for (p++; end_ - p >= 8; p += 8) {
+            uint64_t v;
+            std::memcpy(&v, p, sizeof v);
+            if (!plain_word(v))
+                break;
+        }
+        for (; p < end_; p++) {
             unsigned char c = static_cast<unsigned char>(*p);
             if (c == '"')
                 return p + 1;

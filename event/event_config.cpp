@@ -5,6 +5,7 @@
 #include "uci_access.h"
 
 #include <array>
+#include <charconv>
 #include <atomic>
 #include <climits>
 #include <cstdio>
@@ -370,6 +371,44 @@ CacheRead lookup(const TypeValues &values, const char *section, const char *opti
     return CacheRead::found;
 }
 
+// Each worker asks for the same few options of the same few types for every event: a thread
+// keeps the answers it had under the watch's current generation, so that a query between two
+// changes of the files costs neither the shared lock nor building a key.
+struct TypeMemo {
+    bool used = false;
+    uint64_t gen = 0;
+    char section[16] = {};
+    char option[32] = {};
+    CacheRead read = CacheRead::missing;
+    std::string value;
+};
+constexpr size_t kTypeMemos = 16;
+thread_local std::array<TypeMemo, kTypeMemos> t_memo;
+thread_local size_t t_memo_next = 0;
+
+TypeMemo *memo_find(uint64_t gen, const char *section, const char *option)
+{
+    for (TypeMemo &m : t_memo)
+        if (m.used && m.gen == gen && strcmp(m.section, section) == 0 &&
+            strcmp(m.option, option) == 0)
+            return &m;
+    return nullptr;
+}
+
+void memo_keep(uint64_t gen, const char *section, const char *option, CacheRead read,
+               const std::string *value)
+{
+    if (strlen(section) >= sizeof(TypeMemo::section) || strlen(option) >= sizeof(TypeMemo::option))
+        return;
+    TypeMemo &m = t_memo[t_memo_next++ % kTypeMemos];
+    m.used = true;
+    m.gen = gen;
+    strcpy(m.section, section);
+    strcpy(m.option, option);
+    m.read = read;
+    m.value = value ? *value : std::string();
+}
+
 CacheRead cached_type_option(const char *section, const char *option, char *dst,
                              size_t dst_size)
 {
@@ -389,10 +428,27 @@ CacheRead cached_type_option(const char *section, const char *option, char *dst,
         for (const std::string &f : files)
             now.ids[now.count++] = file_id(f);
     }
+    if (watching) {
+        if (const TypeMemo *m = memo_find(gen, section, option)) {
+            if (m->read == CacheRead::found)
+                copy_cut(dst, dst_size, m->value);
+            return m->read;
+        }
+    }
     {
         std::lock_guard<std::mutex> hold(g_type_cache.mu);
-        if (g_type_cache.loaded && g_type_cache.gen == gen && g_type_cache.key == now)
-            return lookup(g_type_cache.values, section, option, dst, dst_size);
+        if (g_type_cache.loaded && g_type_cache.gen == gen && g_type_cache.key == now) {
+            auto it = g_type_cache.values.find(value_key(section, option));
+            if (it == g_type_cache.values.end()) {
+                if (watching)
+                    memo_keep(gen, section, option, CacheRead::missing, nullptr);
+                return CacheRead::missing;
+            }
+            copy_cut(dst, dst_size, it->second);
+            if (watching)
+                memo_keep(gen, section, option, CacheRead::found, &it->second);
+            return CacheRead::found;
+        }
     }
     TypeValues fresh;
     if (!load_type_values(fresh))
@@ -412,7 +468,7 @@ CacheRead cached_type_option(const char *section, const char *option, char *dst,
 bool read_type_option(int id, const char *option, char *dst, size_t dst_size)
 {
     char section[16];
-    snprintf(section, sizeof section, "%d", id);
+    *std::to_chars(section, section + sizeof section - 1, id).ptr = '\0';  // "%d", per event
     CacheRead r = cached_type_option(section, option, dst, dst_size);
     if (r == CacheRead::found)
         return true;

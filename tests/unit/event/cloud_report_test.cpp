@@ -229,3 +229,24 @@ TEST(StrictJson, PlainValuesNeedNoParseAndTheLibraryAgrees) {
         json_object_put(o);
     }
 }
+
+// Strings are read eight bytes at a time: a character that ends or breaks the string is found
+// at every position of a word, and bytes above 0x7f pass.
+TEST(StrictJson, LongStringsAreReadAtEveryPosition) {
+    for (size_t at = 0; at < 24; at++) {
+        SCOPED_TRACE(at);
+        std::string body(30, 'a');
+        body[at] = '\xc3';
+        EXPECT_TRUE(json_text_is_strict(("\"" + body + "\"").c_str(), body.size() + 2));
+        for (char bad : {'\t', '\x01', '\x1f'}) {
+            body[at] = bad;
+            EXPECT_FALSE(json_text_is_strict(("\"" + body + "\"").c_str(), body.size() + 2));
+        }
+        body[at] = '"';  // ends the string early: text follows the value
+        EXPECT_FALSE(json_text_is_strict(("\"" + body + "\"").c_str(), body.size() + 2));
+        EXPECT_EQ(json_plain_value_length(("\"" + body.substr(0, at) + "\"").c_str(), at + 2), at + 2);
+        body[at] = '\\';
+        body[at + 1] = 'n';
+        EXPECT_TRUE(json_text_is_strict(("\"" + body + "\"").c_str(), body.size() + 2));
+    }
+}
