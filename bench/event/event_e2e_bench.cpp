@@ -54,7 +54,7 @@ constexpr double kIngestRatioMin = 0.5;    // ingest rate / raw queue rate
 constexpr double kDaemonTimeMax = 2.0;     // daemon time a message / raw receiver's
 constexpr double kP99LimitMs = 1500;       // send -> cloud, list 0
 constexpr double kIdleCpuLimitPct = 0.05;  // of one core
-constexpr double kIdleAnonLimitMb = 2.0;   // MB (10^6 bytes), anonymous memory, idle
+constexpr double kIdleAnonLimitMib = 2.0;  // anonymous memory idle: 2048 kB as /proc counts
 constexpr double kFullOverFloorMax = 1.10; // anonymous memory with all lists full / floor
 
 // The floor of the full lists: 48 000 events, each two guarded blocks (the node, and the
@@ -846,10 +846,11 @@ void print_summary()
                gR.idle_cpu_pct / kIdleCpuLimitPct, verdict(gR.idle_cpu_pct <= kIdleCpuLimitPct),
                gR.idle_cpu_pct_ns);
     if (gR.idle_rss_mb >= 0) {
-        const double anon_mb = gR.idle_anon_mb * 1.048576;  // MiB -> MB
-        printf("%-44s %11.2f MB %11.2f MB %7.2f  %s (resident in all %.1f MiB)\n",
-               "(f) anonymous memory idle", anon_mb, kIdleAnonLimitMb, anon_mb / kIdleAnonLimitMb,
-               verdict(anon_mb <= kIdleAnonLimitMb), gR.idle_rss_mb);
+        printf("%-44s %10.2f MiB %10.2f MiB %7.2f  %s (%.2f million bytes; resident in all "
+               "%.1f MiB)\n",
+               "(f) anonymous memory idle", gR.idle_anon_mb, kIdleAnonLimitMib,
+               gR.idle_anon_mb / kIdleAnonLimitMib, verdict(gR.idle_anon_mb <= kIdleAnonLimitMib),
+               gR.idle_anon_mb * 1.048576, gR.idle_rss_mb);
     }
     if (gR.full_rss_mb >= 0) {
         const double floor_mib = full_lists_floor_mib();
