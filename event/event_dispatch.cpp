@@ -103,8 +103,9 @@ extern "C" int msg_handle_dispatch(nms_event_msg *frame, int list) noexcept {
             len = text_len;
         }
     }
-    // The event is built in a block of this worker's own, not a tracked allocation per event:
-    // the list copies what it keeps, and nothing else sees the block.
+    // The event is built in a block of this worker's own, not a tracked allocation per event
+    // (so there is no allocation failure to report and no free to trace here): the list
+    // copies what it keeps, and nothing else sees the block.
     static thread_local nms_event_info block;
     nms_event_info *info = &block;
     std::memset(info, 0, sizeof(*info));
