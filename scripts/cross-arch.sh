@@ -8,12 +8,14 @@
 #   CROSS_CPU      CMAKE_SYSTEM_PROCESSOR
 #   CROSS_IPK      OpenWrt package architecture written into the .ipk
 #   CROSS_DESC     word size and byte order, for summaries
+#   CROSS_ARCH     the ARCH given
 # Sysroots (the target's libc, libstdc++, json-c, libcurl and GoogleTest, unpacked from
 # Debian's packages) live in $NMS_SYSROOTS/<arch>, by default build-cross/sysroot/<arch>.
 
 NMS_CROSS_ALL="mipsel s390x aarch64 armhf"
 
 nms_cross_arch() {
+    CROSS_ARCH=$1
     case "$1" in
     mipsel)  CROSS_DEB=mipsel;  CROSS_TRIPLET=mipsel-linux-gnu;      CROSS_QEMU=qemu-mipsel
              CROSS_CPU=mipsel;  CROSS_IPK=mipsel_24kc;        CROSS_DESC="32-bit little-endian" ;;
@@ -33,4 +35,14 @@ nms_sysroots_dir() {
     local here
     here=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
     echo "${NMS_SYSROOTS:-$here/build-cross/sysroot}"
+}
+
+# CMake options of a cross build for the target nms_cross_arch last set, one a line (read them
+# with mapfile): the toolchain file and what it needs.
+nms_cross_cmake_args() {
+    local here
+    here=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+    printf '%s\n' "-DCMAKE_TOOLCHAIN_FILE=$here/cmake/cross/toolchain.cmake" \
+        "-DNMS_CROSS_TRIPLET=$CROSS_TRIPLET" "-DNMS_CROSS_CPU=$CROSS_CPU" \
+        "-DNMS_CROSS_QEMU=$CROSS_QEMU" "-DNMS_SYSROOT=$(nms_sysroots_dir)/$CROSS_ARCH"
 }
