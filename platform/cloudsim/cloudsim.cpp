@@ -18,6 +18,7 @@
 #include "report_store.h"
 
 #include <httplib.h>
+#include <json-c/json.h>
 
 #include <arpa/inet.h>
 
@@ -278,11 +279,13 @@ public:
         });
         svr.Post("/api/device", [this](const httplib::Request &q, httplib::Response &r) {
             std::string status;
-            if (q.body.find("\"online\"") != std::string::npos)
-                status = "online";
-            else if (q.body.find("\"offline\"") != std::string::npos)
-                status = "offline";
-            else
+            json_object *body = json_tokener_parse(q.body.c_str());
+            json_object *member = nullptr;
+            if (json_object_object_get_ex(body, "status", &member) &&
+                json_object_is_type(member, json_type_string))
+                status = json_object_get_string(member);
+            json_object_put(body);
+            if (status != "online" && status != "offline")
                 return bad_request(r, "give {\"status\":\"online\"} or {\"status\":\"offline\"}");
             std::lock_guard<std::mutex> hold(device_mutex_);
             if (status != device_status_) {
