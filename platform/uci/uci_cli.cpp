@@ -397,10 +397,8 @@ int batch_cmd(Cli &cli)
 {
     cli.in_batch = true;
     while (!feof(cli.input)) {
-        char *words[kBatchArgs + 1] = {};
         std::vector<std::string> kept;
         char *str = nullptr;
-        int n = 0;
         bool too_many = false;
         for (;;) {
             char *word = nullptr;
@@ -422,13 +420,14 @@ int batch_cmd(Cli &cli)
                 fprintf(stderr, "Too many arguments\n");
             continue;
         }
-        for (const std::string &w : kept)
-            words[n++] = const_cast<char *>(w.c_str());
-        if (n == 0)
+        if (kept.empty())
             continue;
-        if (strcasecmp(words[0], "exit") == 0)
+        if (strcasecmp(kept[0].c_str(), "exit") == 0)
             break;
-        int rc = dispatch(cli, n, words);
+        std::vector<char *> words;
+        for (std::string &w : kept)
+            words.push_back(&w[0]);
+        int rc = dispatch(cli, static_cast<int>(words.size()), words.data());
         if (rc == kUsageExit && !cli.quiet)
             fprintf(stderr, "Unknown command\n");
         fflush(stdout);
