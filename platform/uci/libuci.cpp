@@ -784,6 +784,23 @@ int list_configs_impl(uci_context *ctx, char ***list)
 // ---------------------------------------------------------------------------
 // Import from a stream, and the batch tool's argument reader.
 
+// One change to p by names, recorded as a delta: set a section's type or an option's value,
+// or add a list item.
+int record_change(uci_context *ctx, uci_package *p, const char *section, const char *option,
+                  const char *value, bool list_item)
+{
+    uci_ptr ptr{};
+    ptr.p = p;
+    ptr.package = p->e.name;
+    ptr.section = section;
+    ptr.option = option;
+    ptr.value = value;
+    int rc = resolve_ptr(ctx, &ptr, false);
+    if (rc != UCI_OK)
+        return rc;
+    return list_item ? add_list_impl(&ptr, true) : set_impl(&ptr, true);
+}
+
 // Applies the sections and options of src to p as recorded changes (deltas): the merge of an
 // import into a package that exists.
 int merge_package(uci_context *ctx, uci_package *p, uci_package *src)
@@ -792,44 +809,29 @@ int merge_package(uci_context *ctx, uci_package *p, uci_package *src)
     uci_foreach_element(&src->sections, se) {
         uci_section *from = uci_to_section(se);
         std::string section = from->e.name;
+        int rc;
         if (from->anonymous) {
             uci_section *added = nullptr;
-            int rc = add_section_impl(p, from->type, &added, true);
-            if (rc != UCI_OK)
-                return rc;
-            section = added->e.name;
-        } else {
-            uci_ptr ptr{};
-            ptr.p = p;
-            ptr.package = p->e.name;
-            ptr.section = section.c_str();
-            ptr.value = from->type;
-            int rc = resolve_ptr(ctx, &ptr, false);
+            rc = add_section_impl(p, from->type, &added, true);
             if (rc == UCI_OK)
-                rc = set_impl(&ptr, true);
-            if (rc != UCI_OK)
-                return rc;
+                section = added->e.name;
+        } else {
+            rc = record_change(ctx, p, section.c_str(), nullptr, from->type, false);
         }
+        if (rc != UCI_OK)
+            return rc;
         uci_element *oe;
         uci_foreach_element(&from->options, oe) {
             uci_option *o = uci_to_option(oe);
-            std::vector<std::string> values;
             if (o->type == UCI_TYPE_STRING) {
-                values.emplace_back(o->v.string);
-            } else {
-                uci_element *item;
-                uci_foreach_element(&o->v.list, item) values.emplace_back(item->name);
+                rc = record_change(ctx, p, section.c_str(), o->e.name, o->v.string, false);
+                if (rc != UCI_OK)
+                    return rc;
+                continue;
             }
-            for (const std::string &v : values) {
-                uci_ptr ptr{};
-                ptr.p = p;
-                ptr.package = p->e.name;
-                ptr.section = section.c_str();
-                ptr.option = o->e.name;
-                ptr.value = v.c_str();
-                int rc = resolve_ptr(ctx, &ptr, false);
-                if (rc == UCI_OK)
-                    rc = o->type == UCI_TYPE_STRING ? set_impl(&ptr, true) : add_list_impl(&ptr, true);
+            uci_element *item;
+            uci_foreach_element(&o->v.list, item) {
+                rc = record_change(ctx, p, section.c_str(), o->e.name, item->name, true);
                 if (rc != UCI_OK)
                     return rc;
             }
