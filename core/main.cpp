@@ -21,6 +21,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <malloc.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -97,10 +98,25 @@ void *cloudMngtRegThread(void *)
     return nullptr;
 }
 
+// glibc gives every thread that allocates its own arena (up to eight a core). Each
+// dispatch worker would then grow a heap of its own, a page at a time with an mprotect
+// call every few events, and keep free space that no other list can reuse: with all
+// lists full that is eight heaps with their own slack. One arena serves the whole
+// daemon; the workers seldom allocate at the same instant, and the small blocks of an
+// event mostly come from each thread's own cache without taking the arena's lock.
+// Other C libraries keep no per-thread arenas and have no such setting.
+void use_one_malloc_arena()
+{
+#if defined(__GLIBC__) && defined(M_ARENA_MAX)
+    mallopt(M_ARENA_MAX, 1);
+#endif
+}
+
 }  // namespace
 
 int main()
 {
+    use_one_malloc_arena();
     // Before any thread exists: every thread inherits a mask with SIGALRM
     // blocked, so only the wheel timer's tick thread (which sigwaits) gets it.
     uac_sigmask_set(SIG_BLOCK, 1, SIGALRM);
