@@ -361,13 +361,19 @@ void copy_cut(char *dst, size_t dst_size, const std::string &value)
     dst[n] = '\0';
 }
 
-CacheRead lookup(const TypeValues &values, const char *section, const char *option, char *dst,
-                 size_t dst_size)
+// The value of section.option in values, or null when it has none.
+const std::string *find_value(const TypeValues &values, const char *section, const char *option)
 {
     auto it = values.find(value_key(section, option));
-    if (it == values.end())
+    return it == values.end() ? nullptr : &it->second;
+}
+
+// A query's answer from the value found for it (null: none).
+CacheRead answer(const std::string *value, char *dst, size_t dst_size)
+{
+    if (!value)
         return CacheRead::missing;
-    copy_cut(dst, dst_size, it->second);
+    copy_cut(dst, dst_size, *value);
     return CacheRead::found;
 }
 
@@ -379,7 +385,7 @@ struct TypeMemo {
     uint64_t gen = 0;
     char section[16] = {};
     char option[32] = {};
-    CacheRead read = CacheRead::missing;
+    bool found = false;
     std::string value;
 };
 constexpr size_t kTypeMemos = 16;
@@ -395,8 +401,7 @@ TypeMemo *memo_find(uint64_t gen, const char *section, const char *option)
     return nullptr;
 }
 
-void memo_keep(uint64_t gen, const char *section, const char *option, CacheRead read,
-               const std::string *value)
+void memo_keep(uint64_t gen, const char *section, const char *option, const std::string *value)
 {
     if (strlen(section) >= sizeof(TypeMemo::section) || strlen(option) >= sizeof(TypeMemo::option))
         return;
@@ -405,7 +410,7 @@ void memo_keep(uint64_t gen, const char *section, const char *option, CacheRead 
     m.gen = gen;
     strcpy(m.section, section);
     strcpy(m.option, option);
-    m.read = read;
+    m.found = value != nullptr;
     m.value = value ? *value : std::string();
 }
 
@@ -424,36 +429,25 @@ CacheRead cached_type_option(const char *section, const char *option, char *dst,
         if (!t_loop_polls)
             g_watch.poll();
         gen = g_watch.generation();
+        if (const TypeMemo *m = memo_find(gen, section, option))
+            return answer(m->found ? &m->value : nullptr, dst, dst_size);
     } else {
         for (const std::string &f : files)
             now.ids[now.count++] = file_id(f);
     }
-    if (watching) {
-        if (const TypeMemo *m = memo_find(gen, section, option)) {
-            if (m->read == CacheRead::found)
-                copy_cut(dst, dst_size, m->value);
-            return m->read;
-        }
-    }
     {
         std::lock_guard<std::mutex> hold(g_type_cache.mu);
         if (g_type_cache.loaded && g_type_cache.gen == gen && g_type_cache.key == now) {
-            auto it = g_type_cache.values.find(value_key(section, option));
-            if (it == g_type_cache.values.end()) {
-                if (watching)
-                    memo_keep(gen, section, option, CacheRead::missing, nullptr);
-                return CacheRead::missing;
-            }
-            copy_cut(dst, dst_size, it->second);
+            const std::string *value = find_value(g_type_cache.values, section, option);
             if (watching)
-                memo_keep(gen, section, option, CacheRead::found, &it->second);
-            return CacheRead::found;
+                memo_keep(gen, section, option, value);
+            return answer(value, dst, dst_size);
         }
     }
     TypeValues fresh;
     if (!load_type_values(fresh))
         return CacheRead::unavailable;
-    CacheRead r = lookup(fresh, section, option, dst, dst_size);
+    CacheRead r = answer(find_value(fresh, section, option), dst, dst_size);
     {
         std::lock_guard<std::mutex> hold(g_type_cache.mu);
         g_type_cache.values.swap(fresh);

@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
-#include <type_traits>
 
 #include "uac_mem.h"
 #include "uac_thread.h"
@@ -37,7 +36,6 @@ std::atomic<uint32_t> g_tag{UAC_MUTEX_TAG_FREE};
 
 // "No owner": a value-initialised pthread_t, whether the C library makes it an integer or a pointer.
 constexpr pthread_t kNoThread{};
-
 
 // The calling thread's id, kept per thread: every take and give asks for it, and the
 // library call costs more than the rest of the owner bookkeeping.

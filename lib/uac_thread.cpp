@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
-#include <type_traits>
 
 #include "uac_mem.h"
 
@@ -45,7 +44,6 @@ void create_error(const char *what, int line) {
     printf("[THREAD_ERR]%s %d: %s\r\n", kCreateName, line, what);
     fflush(stdout);
 }
-
 
 void *trampoline(void *p) {
     uac_thread_t *rec = static_cast<uac_thread_t *>(p);
