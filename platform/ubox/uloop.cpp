@@ -457,10 +457,9 @@ int uloop_process_add(uloop_process *p) noexcept
 		return -1;
 	list_add_tail(&p->list, &g_processes);
 	p->pending = true;
-	// The child may already have exited before it was watched. Only where the loop
-	// reaps at all: with uloop_handle_sigchld cleared, as upstream, it never does.
-	if (uloop_handle_sigchld)
-		g_sigchld.store(1, std::memory_order_relaxed);
+	// As upstream, adding does not look for children: only a SIGCHLD caught after
+	// uloop_init makes the loop reap. A child that ended before that is seen at the
+	// next child's end, or never.
 	return 0;
 }
 
