@@ -154,10 +154,6 @@ int cmd_call(ubus_context *ctx, const Options &opt, int argc, char **argv)
     blob_buf_init(&b, 0);
     if (argc == 3 && !blobmsg_add_json_from_string(&b, argv[2])) {
         blob_buf_free(&b);
-        if (!opt.simple && isatty(fileno(stderr))) {
-            fprintf(stderr, "Failed to parse message data\n");
-            return -1;
-        }
         return call_error(opt, argc, argv, UBUS_STATUS_PARSE_ERROR);
     }
     uint32_t id = 0;
@@ -205,18 +201,16 @@ int main(int argc, char **argv)
     }
     argc -= optind;
     argv += optind;
+    if (argc < 1) {  // before connecting: no command is a usage error even without a broker
+        usage(prog);
+        return 1;
+    }
 
     ubus_context *ctx = ubus_connect(opt.socket);
     if (!ctx) {
         if (!opt.simple)
             fprintf(stderr, "Failed to connect to ubus\n");
         return 255;
-    }
-
-    if (argc < 1) {
-        usage(prog);
-        ubus_free(ctx);
-        return 1;
     }
     int ret;
     if (!strcmp(argv[0], "list") && argc <= 2) {

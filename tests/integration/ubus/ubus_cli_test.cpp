@@ -208,10 +208,12 @@ TEST(UbusCli, CallsPrintRepliesAndStatusesAsTheDeviceToolDoes)
     r = run("script -qec \"ubus call test hello '{\\\"id\\\": 1}'\" /dev/null | tr -d '\\r'");
     EXPECT_EQ(r.output, "Command failed: Invalid argument\n");
     r = run("script -qec \"ubus call test hello '{\\\"msg\\\": '\" /dev/null | tr -d '\\r'");
-    EXPECT_EQ(r.output, "Failed to parse message data\n");
+    EXPECT_EQ(r.output, "Command failed: Parsing message data failed\n");
     r = run("ubus -s /tmp/no.sock list");
     EXPECT_EQ(r.status, 255);
     EXPECT_EQ(r.output, "Failed to connect to ubus\n");
+    r = run("ubus -s /tmp/no.sock 2>&1 | head -1");  // no command: usage, broker or not
+    EXPECT_EQ(r.output, "Usage: ubus [<options>] <command> [arguments...]\n");
 
     SCOPED_TRACE("list, plain and verbose");
     r = run("ubus list");
