@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -37,8 +38,9 @@ const CommandName kCommands[] = {
     {"batch", Cmd::Batch},     {"import", Cmd::Import},
 };
 
-constexpr int kBatchArgs = 4;   // words of one batch line, the command included
-constexpr int kBatchExit = 254; // "exit" ends a batch
+// A batch line holds fewer words than this, the command included: the reader gives up
+// when it has this many, before it knows whether the line ends there.
+constexpr int kBatchArgs = 4;
 
 constexpr int kUsageExit = 255;
 
@@ -98,6 +100,17 @@ void usage(const char *appname)
             "\t-t <path>  save directory (default: " UCI_SAVEDIR ")\n"
             "\t-X         show: real names of anonymous sections\n",
             appname);
+}
+
+// The tool's own messages, silenced by -q (given before the option that fails, as upstream).
+__attribute__((format(printf, 2, 3))) void cli_error(const Cli &cli, const char *fmt, ...)
+{
+    if (cli.quiet)
+        return;
+    va_list ap;
+    va_start(ap, fmt);
+    vfprintf(stderr, fmt, ap);
+    va_end(ap);
 }
 
 void cli_perror(const Cli &cli)
@@ -401,6 +414,10 @@ int batch_cmd(Cli &cli)
         char *str = nullptr;
         bool too_many = false;
         for (;;) {
+            if (static_cast<int>(kept.size()) == kBatchArgs) {
+                too_many = true;
+                break;
+            }
             char *word = nullptr;
             if (uci_parse_argument(cli.ctx, cli.input, &str, &word) != UCI_OK) {
                 cli_perror(cli);
@@ -409,15 +426,10 @@ int batch_cmd(Cli &cli)
             }
             if (!*word)
                 break;
-            if (static_cast<int>(kept.size()) == kBatchArgs) {
-                too_many = true;
-                break;
-            }
             kept.emplace_back(word);
         }
         if (too_many) {
-            if (!cli.quiet)
-                fprintf(stderr, "Too many arguments\n");
+            cli_error(cli, "Too many arguments\n");
             continue;
         }
         if (kept.empty())
@@ -428,8 +440,8 @@ int batch_cmd(Cli &cli)
         for (std::string &w : kept)
             words.push_back(&w[0]);
         int rc = dispatch(cli, static_cast<int>(words.size()), words.data());
-        if (rc == kUsageExit && !cli.quiet)
-            fprintf(stderr, "Unknown command\n");
+        if (rc == kUsageExit)
+            cli_error(cli, "Unknown command\n");
         fflush(stdout);
         uci_element *e, *tmp;
         uci_foreach_element_safe(&cli.ctx->root, tmp, e) uci_unload(cli.ctx, uci_to_package(e));
@@ -489,13 +501,13 @@ int run(Cli &cli, int argc, char **argv)
             if (cli.input != stdin) {
                 fclose(cli.input);
                 cli.input = stdin;
-                fprintf(stderr, "Too many input files.\n");
+                cli_error(cli, "Too many input files.\n");
                 return 1;
             }
             cli.input = fopen(optarg, "r");
             if (!cli.input) {
                 cli.input = stdin;
-                fprintf(stderr, "uci: %s", strerror(errno));
+                cli_error(cli, "uci: %s", strerror(errno));
                 return 1;
             }
             break;

@@ -163,12 +163,13 @@ TEST_F(UciCli, BatchAndImportReadTheInputFile)
                    "get ut.lan.proto\n"
                    "bogus x\n"
                    "set a b c d e\n"
+                   "set a b c\n"  // four words are already too many
                    "exit\n"
                    "set ut.lan.proto=never\n");
     CliRun r = uci({"-f", in, "batch"});
     EXPECT_EQ(r.status, 0) << r;
     EXPECT_EQ(r.out, "dhcp\n");
-    EXPECT_EQ(r.err, "Unknown command\nToo many arguments\n");
+    EXPECT_EQ(r.err, "Unknown command\nToo many arguments\nToo many arguments\n");
     expect({"changes", "ut"}, "ut.lan.proto='dhcp'\nut.lan.dns+='9.9.9.9'\n");
 
     SCOPED_TRACE("import: each package of the input written over its file");
@@ -192,6 +193,12 @@ TEST_F(UciCli, BatchAndImportReadTheInputFile)
     r = uci({"-f", dir.root() + "/none", "import"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "uci: No such file or directory");
+    r = uci({"-q", "-f", dir.root() + "/none", "-f", in, "import"});  // -q silences the tool too
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "");
+    r = uci({"-f", in, "-f", in, "import"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "Too many input files.\n");
     write_file(in, "config iface 'x'\n\tbogus word\n");
     r = uci({"-f", in, "import", "ut2"});
     EXPECT_EQ(r.status, 1);
