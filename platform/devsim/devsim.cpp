@@ -11,11 +11,9 @@
 #include <libubox/blobmsg.h>
 #include <libubox/uloop.h>
 
-#include <arpa/inet.h>
+#include <httplib.h>
+
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/time.h>
 #include <signal.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -257,50 +255,32 @@ const blobmsg_policy set_policy[] = {
 };
 static_assert(ARRAY_SIZE(set_policy) == SET_COUNT, "one policy entry per argument");
 
-// Sets the link state and announces it: every command registered for the state runs, whether
-// or not the state changed (a link that flapped is announced again).
 // Tells the cloud stand-in the link state, as a real cloud learns it from the connection:
-// one small POST {"status": "online"|"offline"} over loopback, the answer not awaited. A
+// one small POST {"status": "online"|"offline"} over loopback, waited for at most a second. A
 // stand-in that is not there changes nothing.
 void tell_cloud(bool online)
 {
     const std::string &url = g_opt.tell;
-    if (url.compare(0, 7, "http://") != 0)
+    if (url.empty())
         return;
-    std::string rest = url.substr(7);
-    size_t slash = rest.find('/');
-    std::string hostport = rest.substr(0, slash), path = slash == std::string::npos ? "/" : rest.substr(slash);
-    size_t colon = hostport.rfind(':');
-    std::string host = hostport.substr(0, colon);
-    int port = colon == std::string::npos ? 80 : std::atoi(hostport.c_str() + colon + 1);
-    sockaddr_in sa{};
-    sa.sin_family = AF_INET;
-    sa.sin_port = htons(static_cast<uint16_t>(port));
-    if (port <= 0 || port > 65535 || inet_pton(AF_INET, host.c_str(), &sa.sin_addr) != 1) {
-        say("--tell %s: give http://ADDRESS:PORT/PATH with a numeric address", url.c_str());
+    // http://ADDRESS:PORT, then the path.
+    const size_t slash = url.find('/', url.compare(0, 7, "http://") == 0 ? 7 : 0);
+    const std::string base = url.substr(0, slash);
+    const std::string path = slash == std::string::npos ? "/" : url.substr(slash);
+    httplib::Client cloud(base);
+    if (!cloud.is_valid()) {
+        say("--tell %s: give http://ADDRESS:PORT/PATH", url.c_str());
         return;
     }
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return;
-    timeval tv{1, 0};
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    if (connect(fd, reinterpret_cast<sockaddr *>(&sa), sizeof sa) == 0) {
-        std::string body = std::string("{\"status\":\"") + state_name(online) + "\"}";
-        std::string req = "POST " + path + " HTTP/1.0\r\nHost: " + hostport +
-                          "\r\nContent-Type: application/json\r\nContent-Length: " +
-                          std::to_string(body.size()) + "\r\n\r\n" + body;
-        ssize_t n = send(fd, req.data(), req.size(), MSG_NOSIGNAL);
-        (void)n;
-        shutdown(fd, SHUT_WR);
-        char sink[256];
-        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        while (recv(fd, sink, sizeof sink, 0) > 0) {
-        }
-    }
-    close(fd);
+    cloud.set_connection_timeout(1, 0);
+    cloud.set_read_timeout(1, 0);
+    cloud.set_write_timeout(1, 0);
+    cloud.Post(path, std::string("{\"status\":\"") + state_name(online) + "\"}",
+               "application/json");
 }
 
+// Sets the link state and announces it: every command registered for the state runs, whether
+// or not the state changed (a link that flapped is announced again).
 int set_status(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *,
                blob_attr *msg)
 {

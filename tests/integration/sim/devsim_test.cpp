@@ -70,6 +70,23 @@ TEST(Devsim, OnlineAtStartTellsEachNewOnlineListenerAtOnce)
     EXPECT_NE(r.output.find("cannot publish cloudclient"), std::string::npos) << r.output;
 }
 
+TEST(Devsim, TellsTheCloudStandInEachLinkState)
+{
+    start("ubusd", "ubusd.log");
+    start("cloudsim", "cloudsim.log");
+    ASSERT_TRUE(itest::wait_until(bus_up));
+    auto device = [] { return run("curl -s http://127.0.0.1:8480/api/device").output; };
+    ASSERT_TRUE(itest::wait_until([&] { return device().find("\"status\":\"unknown\"") !=
+                                                std::string::npos; }));
+    start("devsim --status online --tell http://127.0.0.1:8480/api/device", "devsim.log");
+    ASSERT_TRUE(itest::wait_until(cloudclient_up));
+    EXPECT_TRUE(itest::wait_until([&] {
+        return device().find("\"status\":\"online\"") != std::string::npos;
+    })) << device();
+    EXPECT_EQ(run("ubus -S call cloudclient set_status '{\"status\":\"offline\"}'").status, 0);
+    EXPECT_NE(device().find("\"status\":\"offline\""), std::string::npos) << device();
+}
+
 TEST(Devsim, WaitsForTheBrokerAndComesBackAfterItRestarts)
 {
     // Settings from the environment, as the sandbox or the demo may pass them.
