@@ -29,7 +29,7 @@ using JsonPtr = std::unique_ptr<json_object, JsonPut>;
 int always_ready(int) { return 0; }
 
 void *msg_handle_thread(void *arg) {
-    pthread_detach(pthread_self());
+    uac_thread_detach_self();   // once: the trampoline detached a thread it started
     if (!arg)
         return nullptr;
     int32_t id = *static_cast<int32_t *>(arg);

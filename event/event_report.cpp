@@ -393,7 +393,7 @@ extern "C" int multil_call_nms_event_report_handle(uint32_t list,
 }
 
 extern "C" void *multil_call_report_thread(void *arg) noexcept {
-    pthread_detach(pthread_self());
+    uac_thread_detach_self();   // once: the trampoline detached a thread it started
     if (!arg)
         return nullptr;
     int32_t type = *static_cast<int32_t *>(arg);
@@ -532,7 +532,7 @@ extern "C" void *_test_short_link_send(void *) noexcept {
         buf = static_cast<char *>(MEM_GUARD_ALLOC(NMS_REPORT_BUF_SIZE));
     if (buf)
         std::memset(buf, 0, NMS_REPORT_BUF_SIZE);
-    pthread_detach(pthread_self());
+    uac_thread_detach_self();   // once: the trampoline detached a thread it started
     const std::string sample = sample_report();
     for (;;) {
         if (access(kShortLinkFlag, F_OK) == 0) {

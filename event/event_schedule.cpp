@@ -150,7 +150,7 @@ extern "C" void nms_event_scan_cb(void *) noexcept {
 }
 
 extern "C" void *_nms_event_report_handle(void *arg) noexcept {
-    pthread_detach(pthread_self());
+    uac_thread_detach_self();   // once: the trampoline detached a thread it started
     if (!arg)
         return nullptr;
     int32_t i = *static_cast<int32_t *>(arg);

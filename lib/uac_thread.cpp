@@ -144,6 +144,12 @@ int32_t uac_thread_create(pthread_t *tid_out, const char *name, uac_thread_func 
     return 0;
 }
 
+int32_t uac_thread_detach_self(void) noexcept {
+    if (t_self)
+        return 0;
+    return pthread_detach(pthread_self()) == 0 ? 0 : -1;
+}
+
 uac_thread_t *uac_thread_pend_mark(struct uac_mutex *mutex) noexcept {
     uac_thread_t *rec = t_self;
     if (!rec)

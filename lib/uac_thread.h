@@ -44,6 +44,10 @@ void uac_thread_module_init(void) UAC_NOEXCEPT;
 // characters; the kernel keeps 15), running entry(arg). 0, or -1 with a "[THREAD_ERR]"
 // message. *tid_out receives the pthread_t.
 int32_t uac_thread_create(pthread_t *tid_out, const char *name, uac_thread_func entry, void *arg) UAC_NOEXCEPT;
+// For a thread body that detaches itself: detaches the calling thread unless uac_thread_create
+// started it (its trampoline detached it already, and a second detach is undefined: musl
+// treats it as a join and faults). 0, or -1 when the detach failed.
+int32_t uac_thread_detach_self(void) UAC_NOEXCEPT;
 
 // Marks the calling thread as waiting on mutex (null: on nothing). Returns its record,
 // or null for a thread not started with uac_thread_create (then nothing is recorded).

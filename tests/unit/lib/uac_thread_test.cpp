@@ -88,6 +88,55 @@ TEST(UacThread, OtherThreadsHaveNoRecord) {
     EXPECT_EQ(rec, nullptr);
 }
 
+// Whether the calling thread is detached, as the thread library reports it.
+int detach_state() {
+    pthread_attr_t attr;
+    int state = -1;
+    if (pthread_getattr_np(pthread_self(), &attr) == 0) {
+        pthread_attr_getdetachstate(&attr, &state);
+        pthread_attr_destroy(&attr);
+    }
+    return state;
+}
+
+struct Detach {
+    int before = -1;
+    int rc = -1;
+    int after = -1;
+    std::atomic<bool> done{false};
+};
+
+void *detach_body(void *p) {
+    auto *d = static_cast<Detach *>(p);
+    d->before = detach_state();
+    d->rc = uac_thread_detach_self();
+    d->after = detach_state();
+    d->done.store(true);
+    return nullptr;
+}
+
+// A body that detaches itself must not detach a thread the trampoline detached already: a
+// second pthread_detach is EINVAL on glibc and a fault on musl, where this test runs too.
+TEST(UacThread, ThreadsAreDetachedOnce) {
+    uac_thread_module_init();
+    Detach started;
+    pthread_t tid;
+    ASSERT_EQ(uac_thread_create(&tid, "detach_once", detach_body, &started), 0);
+    wait_for(started.done);
+    EXPECT_EQ(started.before, PTHREAD_CREATE_DETACHED);
+    EXPECT_EQ(started.rc, 0);
+    EXPECT_EQ(started.after, PTHREAD_CREATE_DETACHED);
+
+    SCOPED_TRACE("a joinable thread of another creator is detached by the body");
+    Detach plain;
+    pthread_t other;
+    ASSERT_EQ(pthread_create(&other, nullptr, detach_body, &plain), 0);
+    wait_for(plain.done);
+    EXPECT_EQ(plain.before, PTHREAD_CREATE_JOINABLE);
+    EXPECT_EQ(plain.rc, 0);
+    EXPECT_EQ(plain.after, PTHREAD_CREATE_DETACHED);
+}
+
 // A registered thread that blocks on a mutex the test holds.
 struct Blocked {
     uac_mutex_t *m;
