@@ -4,17 +4,19 @@
 
 #include <array>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include <execinfo.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <unwind.h>
 
 #include "uac_lock.h"
 #include "uac_mem.h"
@@ -132,6 +134,63 @@ void install(int sig, void (*fn)(int, siginfo_t *, void *))
     sigaction(sig, &sa, nullptr);
 }
 
+// The stack walk: the unwinder of the C++ runtime (libgcc's, or LLVM's libunwind where the
+// runtime is libc++), which every libc has. execinfo's backtrace() is glibc's alone, and
+// musl, the device's libc, has none.
+struct Walk {
+    void **frames;
+    int max;
+    int skip;   // the walk's own frame, as backtrace() leaves out its own
+    int n;
+};
+
+_Unwind_Reason_Code walk_frame(struct _Unwind_Context *ctx, void *arg)
+{
+    Walk *w = static_cast<Walk *>(arg);
+    uintptr_t pc = static_cast<uintptr_t>(_Unwind_GetIP(ctx));
+    if (pc == 0)
+        return _URC_END_OF_STACK;
+    if (w->skip > 0) {
+        w->skip--;
+        return _URC_NO_REASON;
+    }
+    if (w->n >= w->max)
+        return _URC_END_OF_STACK;
+    w->frames[w->n++] = reinterpret_cast<void *>(pc);
+    return _URC_NO_REASON;
+}
+
+__attribute__((noinline)) int walk_stack(void **frames, int max)
+{
+    Walk w{frames, max, 1, 0};
+    _Unwind_Backtrace(walk_frame, &w);
+    return w.n;
+}
+
+// One frame as glibc's backtrace_symbols writes it, "file(symbol+0xoff) [0xaddr]",
+// "file(+0xoff) [0xaddr]" from the module's base when the symbol is not exported, or
+// "[0xaddr]" when no module holds the address; the device's trace readers take that form.
+// Written into buf without allocating: this runs in signal handlers.
+void frame_text(void *pc, char *buf, size_t len)
+{
+    Dl_info info;
+    memset(&info, 0, sizeof info);
+    if (!dladdr(pc, &info) || !info.dli_fname || !info.dli_fname[0]) {
+        snprintf(buf, len, "[%p]", pc);
+        return;
+    }
+    const char *sym = info.dli_sname ? info.dli_sname : "";
+    uintptr_t base = reinterpret_cast<uintptr_t>(info.dli_sname ? info.dli_saddr : info.dli_fbase);
+    uintptr_t addr = reinterpret_cast<uintptr_t>(pc);
+    if (!info.dli_sname && base == 0) {
+        snprintf(buf, len, "%s() [%p]", info.dli_fname, pc);
+        return;
+    }
+    char sign = addr >= base ? '+' : '-';
+    unsigned long off = static_cast<unsigned long>(addr >= base ? addr - base : base - addr);
+    snprintf(buf, len, "%s(%s%c%#lx) [%p]", info.dli_fname, sym, sign, off, pc);
+}
+
 // State of the watch; only the watch thread touches it.
 std::array<pthread_t, kSuspectsMax> g_suspects;
 int g_suspect_count;
@@ -181,9 +240,9 @@ int udbg_crash_init() noexcept
 {
     if (!gUdbgMutex)
         gUdbgMutex = uac_mutex_create("gUdbgMutex", UAC_MUTEX_RECURSIVE);
-    // backtrace() loads its unwinder on first use; do that now, not inside a handler.
+    // The first walk may set up the unwinder's caches; do that now, not inside a handler.
     void *frame[1];
-    backtrace(frame, 1);
+    walk_stack(frame, 1);
     return gUdbgMutex ? 0 : -1;
 }
 
@@ -198,28 +257,23 @@ void udbg_signals_install() noexcept
 void udbg_backtrace_print() noexcept
 {
     void *frames[kFramesMax];
-    int n = backtrace(frames, kFramesMax);
+    int n = walk_stack(frames, kFramesMax);
     if (n <= 0) {
         say("The backtrace is not available, stack error(may overflow) possibly occured\n");
         return;
     }
     say("Obtained %lu stack frames:\n", static_cast<unsigned long>(n));
-    char **sym = backtrace_symbols(frames, n);
     for (int i = 0; i < n; i++) {
-        if (!sym) {
-            say("  %p\n", frames[i]);
-            continue;
-        }
+        char s[512];
+        frame_text(frames[i], s, sizeof s);
         // The first "()" (an unnamed frame) is written "--", the form that the
         // device's trace readers expect.
-        char *s = sym[i];
         if (char *pair = strstr(s, "()")) {
             pair[0] = '-';
             pair[1] = '-';
         }
         say("  %s\n", s);
     }
-    free(sym);
 }
 
 int udbg_deadlock_round() noexcept
