@@ -25,8 +25,14 @@ char site_id[72];
 
 namespace {
 
-constexpr const char *kMacCmd = "ubus call varnServer getInfo '{\"infoMask\":33}' -t 5";
-constexpr const char *kSiteCmd = "ubus call cloudclient get_site_id -t 5";
+// The identity queries with the time limit before the command, not after its arguments as
+// "ubus call varnServer getInfo '{...}' -t 5" would have it: the bus tool reads its options
+// with getopt, and musl's getopt (a device's) stops at the first word that is not an option,
+// so a trailing "-t 5" became two more arguments of "call", which the tool refuses with its
+// usage text. Every query failed on a device and reports went out without a MAC or site id.
+// Same queries, same limit; only the command text in "popen exe [...] failed" differs.
+constexpr const char *kMacCmd = "ubus -t 5 call varnServer getInfo '{\"infoMask\":33}'";
+constexpr const char *kSiteCmd = "ubus -t 5 call cloudclient get_site_id";
 constexpr size_t kCmdOutMax = 1024;
 constexpr char kEventListOpen[] = ",\"eventList\":[";
 constexpr char kTail[] = "]}]}}";

@@ -79,6 +79,7 @@ void install_identity_stand_in(const std::string &mac, const std::string &site_i
     mkdir("/tmp/standin", 0755);
     write_file("/tmp/standin/ubus",
                "#!/bin/sh\n"
+               "while [ $# -gt 0 ] && [ \"$1\" != call ]; do shift; done\n"   // options first
                "case \"$2 $3\" in\n"
                "'varnServer getInfo') echo '{\"mac\":\"" + mac + "\"}' ;;\n"
                "'cloudclient get_site_id') echo '{\"site_id\":\"" + site_id + "\"}' ;;\n"

@@ -199,13 +199,13 @@ TEST(Cloudsim, ServesOneSelfContainedPageAndRefusesBadOptions)
 TEST(Devsim, AnswersTheDaemonsIdentityQueriesThroughTheBusTool)
 {
     // The exact commands the daemon runs.
-    auto r = run("ubus call varnServer getInfo '{\"infoMask\":33}' -t 5");
+    auto r = run("ubus -t 5 call varnServer getInfo '{\"infoMask\":33}'");
     ASSERT_EQ(r.status, 0) << r.output;
     JsonPtr info = parse(r.output);
     EXPECT_EQ(str(at(info.get(), {"mac"})), "00-11-22-33-44-55");
     EXPECT_EQ(str(at(info.get(), {"mac"})).size(), 17u);
 
-    r = run("ubus call cloudclient get_site_id -t 5");
+    r = run("ubus -t 5 call cloudclient get_site_id");
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_EQ(r.output, "{\n\t\"site_id\": \"sandbox-site\"\n}\n");
 
