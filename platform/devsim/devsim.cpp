@@ -15,6 +15,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -116,7 +117,11 @@ void launch(const Callback &cb)
     if (pid == 0) {
         // The child must not keep the bus socket (or anything else of ours) open while it
         // waits, and the command gets the signal dispositions a shell would give it.
-        close_range(3, ~0U, 0);
+        // The system call rather than glibc's wrapper of it, which musl does not have.
+        if (syscall(SYS_close_range, 3U, ~0U, 0U) != 0) {
+            for (int fd = 3, max = static_cast<int>(sysconf(_SC_OPEN_MAX)); fd < max; fd++)
+                close(fd);
+        }
         signal(SIGPIPE, SIG_DFL);
         signal(SIGCHLD, SIG_DFL);
         signal(SIGINT, SIG_DFL);

@@ -2,10 +2,17 @@
 //
 // The base URL is found on every send (environment, then UCI, then a loopback default), so a
 // test or the sandbox can point the library at its stand-in without restarting anything.
+// The POST goes through libcurl, or through cpp-httplib's client where the target has no
+// libcurl (NMS_INFO_REPORT_HTTPLIB: the OpenWrt targets' sysroots, which need no TLS to reach
+// the cloud stand-in).
 
 #include "info_report.h"
 
+#ifdef NMS_INFO_REPORT_HTTPLIB
+#include <httplib.h>
+#else
 #include <curl/curl.h>
+#endif
 
 #include <atomic>
 #include <chrono>
@@ -33,6 +40,12 @@ constexpr int kFirstBackoffMs = 200;
 // Printing of requests and outcomes; shared by every caller thread without a lock.
 std::atomic<int> g_debug_on{0};
 
+struct UciFree {
+    void operator()(uci_context *c) const noexcept { uci_free_context(c); }
+};
+using UciPtr = std::unique_ptr<uci_context, UciFree>;
+
+#ifndef NMS_INFO_REPORT_HTTPLIB
 std::once_flag g_curl_once;
 
 struct CurlFree {
@@ -41,16 +54,13 @@ struct CurlFree {
 struct SlistFree {
     void operator()(curl_slist *l) const noexcept { curl_slist_free_all(l); }
 };
-struct UciFree {
-    void operator()(uci_context *c) const noexcept { uci_free_context(c); }
-};
 using CurlPtr = std::unique_ptr<CURL, CurlFree>;
 using SlistPtr = std::unique_ptr<curl_slist, SlistFree>;
-using UciPtr = std::unique_ptr<uci_context, UciFree>;
 
 void curl_global_once() {
     std::call_once(g_curl_once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
+#endif
 
 // The option info_report.cloud.url of the default configuration directory, or "".
 std::string uci_base_url() {
@@ -84,6 +94,32 @@ std::string join_url(std::string base, const char *path) {
     return base + path;
 }
 
+#ifdef NMS_INFO_REPORT_HTTPLIB
+// One POST. Returns the HTTP status, or -1 with the reason in err when no response came back.
+long post_once(const std::string &url, const char *content, std::string &err) {
+    // "scheme://host[:port]" for the client, the rest is the request's path.
+    size_t scheme = url.find("://");
+    size_t path_at = scheme == std::string::npos ? std::string::npos : url.find('/', scheme + 3);
+    std::string origin = url.substr(0, path_at);
+    std::string path = path_at == std::string::npos ? "/" : url.substr(path_at);
+    httplib::Client cli(origin);
+    if (!cli.is_valid()) {
+        err = "unsupported URL " + origin;
+        return -1;
+    }
+    cli.set_connection_timeout(std::chrono::milliseconds(kConnectTimeoutMs));
+    cli.set_read_timeout(std::chrono::milliseconds(kTotalTimeoutMs));
+    cli.set_write_timeout(std::chrono::milliseconds(kTotalTimeoutMs));
+    auto res = cli.Post(path.c_str(), content, std::strlen(content), "application/json");
+    if (!res) {
+        err = httplib::to_string(res.error());
+        return -1;
+    }
+    return res->status;
+}
+
+void curl_global_once() {}
+#else
 // The management service's answer body is of no interest to the caller.
 size_t discard_body(char *, size_t size, size_t nmemb, void *) { return size * nmemb; }
 
@@ -121,6 +157,7 @@ long post_once(const std::string &url, const char *content, std::string &err) {
     curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status);
     return status;
 }
+#endif
 
 int send_one(const short_link_request *request, int *result) {
     curl_global_once();

@@ -143,7 +143,7 @@ TEST(Daemon, FindsTheBusAtEitherSocketPathAndEndsOnSigterm)
     EXPECT_TRUE(itest::wait_until([pid] { return !is_running(pid); }, 5s));
 
     SCOPED_TRACE("a broker at the old path only");
-    ASSERT_EQ(itest::run("pkill -x ubusd; rm -rf /var/run/ubus").status, 0);
+    ASSERT_EQ(itest::run("kill $(pidof ubusd); rm -rf /var/run/ubus").status, 0);
     ASSERT_EQ(itest::run("ubusd -s /var/run/ubus.sock >/tmp/ubusd.log 2>&1 &").status, 0);
     ASSERT_TRUE(itest::wait_until([] { return itest::file_exists("/var/run/ubus.sock"); }));
     itest::run("rmdir /var/run/ubus");  // made by the broker for its default path

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -303,8 +304,12 @@ TEST(UciPaths, NullArgumentsAreRefusedWithTheirMessages)
     std::string out = testing::internal::GetCapturedStdout();
     log_error_on.store(saved);
 
+    // A null pointer prints as the C library writes %p: "(nil)" on glibc, "0" on musl.
+    char nil[16];
+    snprintf(nil, sizeof nil, "%p", static_cast<void *>(nullptr));
+    const std::string ptrs = std::string(".ctx(") + nil + ") or section(" + nil + ") or optName(";
     EXPECT_EQ(out.rfind("Function is:getUciOptionSpecifyPath, Line is:", 0), 0u) << out;
-    for (const char *e : {".uci parameters are invalid.\n", ".ctx((nil)) or section((nil)) or optName(",
-                          ".ctx or package or section is NULL!\n"})
+    for (const std::string &e : {std::string(".uci parameters are invalid.\n"), ptrs,
+                                 std::string(".ctx or package or section is NULL!\n")})
         EXPECT_NE(out.find(e), std::string::npos) << e << " in:\n" << out;
 }
