@@ -127,7 +127,7 @@ TEST_F(EventFaults, EventsAcceptedAfterACleanDuringASendStay) {
 }
 
 // Sends one frame of text_len bytes of text (the params filled with text) to list's queue.
-void send_frame(int list, int id, const std::string &params, size_t text_len = NMS_EVENT_MSG_TEXT_MAX) {
+void send_frame(int list, int id, const std::string &params, size_t text_len = NMS_EVENT_MSG_TEXT_SIZE) {
     struct {
         long mtype;
         char text[1024];

@@ -143,7 +143,7 @@ void stuff_queue(int list, int n) {
     frame.mtype = 1;
     frame.id = 1;
     for (int i = 0; i < n; i++)
-        ASSERT_EQ(msgsnd(qid, &frame, NMS_EVENT_MSG_TEXT_MAX, IPC_NOWAIT), 0) << i;
+        ASSERT_EQ(msgsnd(qid, &frame, NMS_EVENT_MSG_TEXT_SIZE, IPC_NOWAIT), 0) << i;
 }
 
 std::atomic<bool> g_hold_handler{true};
