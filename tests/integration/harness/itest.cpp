@@ -56,9 +56,20 @@ bool file_exists(const std::string &path)
     return stat(path.c_str(), &st) == 0;
 }
 
+const char *emulated()
+{
+    const char *e = getenv("NMS_TEST_EMULATOR");
+    return e && *e ? e : nullptr;
+}
+
+int emulation_factor()
+{
+    return emulated() ? 6 : 1;
+}
+
 bool wait_until(const std::function<bool()> &pred, std::chrono::milliseconds limit)
 {
-    auto end = std::chrono::steady_clock::now() + limit;
+    auto end = std::chrono::steady_clock::now() + limit * emulation_factor();
     for (;;) {
         if (pred())
             return true;

@@ -24,9 +24,16 @@ std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &text);
 bool file_exists(const std::string &path);
 
-// Polls pred every 50 ms until it holds or the time is up; true when it held.
+// Polls pred every 50 ms until it holds or the time is up; true when it held. Under an
+// emulator (emulated()) the time given is stretched by emulation_factor(): it only bounds
+// how long a test waits for what must happen, and qemu-user runs a device's code several
+// times slower than this host's.
 bool wait_until(const std::function<bool()> &pred,
                 std::chrono::milliseconds limit = std::chrono::seconds(10));
+
+// The qemu-user the sandbox's programs run under (NMS_TEST_EMULATOR), or null on this host.
+const char *emulated();
+int emulation_factor();
 
 // What the sandbox's processes printed on /dev/console so far.
 std::string console();
