@@ -1,6 +1,7 @@
 // uac_thread.cpp - named, detached threads with a registry of what each waits on; clocks.
 #include "uac_thread.h"
 
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -45,12 +46,27 @@ void create_error(const char *what, int line) {
     fflush(stdout);
 }
 
+// Where the calling thread's stack lies, for uac_thread_stack_used.
+void record_stack(uac_thread_t *rec) {
+    pthread_attr_t attr;
+    if (pthread_getattr_np(pthread_self(), &attr) != 0)
+        return;
+    void *lo = nullptr;
+    size_t size = 0;
+    if (pthread_attr_getstack(&attr, &lo, &size) == 0) {
+        rec->stack_lo = reinterpret_cast<uintptr_t>(lo);
+        rec->stack_size = size;
+    }
+    pthread_attr_destroy(&attr);
+}
+
 void *trampoline(void *p) {
     uac_thread_t *rec = static_cast<uac_thread_t *>(p);
     pthread_detach(pthread_self());
     prctl(PR_SET_NAME, rec->name, 0, 0, 0);  // the kernel keeps the first 15 characters
     rec->pid = static_cast<int32_t>(syscall(SYS_gettid));
     rec->tid = pthread_self();
+    record_stack(rec);
     pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
 
@@ -171,6 +187,55 @@ void uac_thread_foreach(void (*fn)(uac_thread_t *record)) noexcept {
         e = next;
     }
     pthread_mutex_unlock(&g_registry_lock);
+}
+
+int32_t uac_thread_stack_used(const uac_thread_t *record, size_t *used, size_t *size) noexcept {
+    if (!record || !used || !size || record->stack_size == 0)
+        return -1;
+    const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    // Whole pages of the stack, from its low end up; the stack grows down from its top.
+    uintptr_t lo = (record->stack_lo + page - 1) & ~(page - 1);
+    uintptr_t hi = (record->stack_lo + record->stack_size) & ~(page - 1);
+    if (hi <= lo)
+        return -1;
+    size_t pages = (hi - lo) / page;
+    unsigned char vec[256];   // a 1 MiB stack of 4 KiB pages; deeper ones are looked at in parts
+    uintptr_t deepest = hi;
+    for (size_t first = 0; first < pages && deepest == hi; first += sizeof vec) {
+        size_t n = pages - first < sizeof vec ? pages - first : sizeof vec;
+        if (mincore(reinterpret_cast<void *>(lo + first * page), n * page, vec) != 0)
+            return -1;
+        for (size_t i = 0; i < n; i++) {
+            if (vec[i] & 1) {
+                deepest = lo + (first + i) * page;
+                break;
+            }
+        }
+    }
+    *size = record->stack_size;
+    *used = static_cast<size_t>(record->stack_lo + record->stack_size - deepest);
+    if (*used > *size)
+        *used = *size;
+    return 0;
+}
+
+int32_t uac_thread_stack_report(void) noexcept {
+    uac_thread_module_init();
+    int32_t n = 0;
+    pthread_mutex_lock(&g_registry_lock);
+    for (uac_list_entry *e = uac_list_first(&g_registry); e; e = uac_list_next(e)) {
+        const uac_thread_t *t = uac_container_of(e, uac_thread_t, node);
+        size_t used = 0, size = 0;
+        if (uac_thread_stack_used(t, &used, &size) == 0)
+            printf("Thread \"%s\": stack %lu of %lu bytes used\n", t->name,
+                   static_cast<unsigned long>(used), static_cast<unsigned long>(size));
+        else
+            printf("Thread \"%s\": stack unknown\n", t->name);
+        n++;
+    }
+    pthread_mutex_unlock(&g_registry_lock);
+    fflush(stdout);
+    return n;
 }
 
 int32_t uac_thread_print(uac_thread_t *record) noexcept {

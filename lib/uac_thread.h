@@ -35,6 +35,8 @@ typedef struct uac_thread {
     struct uac_mutex *pre_ck;
     uint64_t pre_ck_cnt;
     uac_list_entry node;                   // in the thread registry
+    uintptr_t stack_lo;                    // the thread's stack, as its library gave it
+    size_t stack_size;                     // (0: unknown)
 } uac_thread_t;
 
 // Prepares the thread registry; idempotent. Start-up calls it after uac_lock_module_init.
@@ -56,6 +58,15 @@ uac_thread_t *uac_thread_pend_mark(struct uac_mutex *mutex) UAC_NOEXCEPT;
 // Calls fn(record) for every registered thread under the registry lock; null fn does nothing.
 void uac_thread_foreach(void (*fn)(uac_thread_t *record)) UAC_NOEXCEPT;
 int32_t uac_thread_print(uac_thread_t *record) UAC_NOEXCEPT;  // one line; returns 0
+
+// How deep a registered thread's stack has been used: the pages of it that were ever touched
+// (the kernel keeps a stack page once it is touched), so at most a page more than the deepest
+// use. 0 with *used and *size in bytes; -1 when the stack is unknown. Costs nothing while
+// nobody asks: no pattern is painted on the stacks.
+int32_t uac_thread_stack_used(const uac_thread_t *record, size_t *used, size_t *size) UAC_NOEXCEPT;
+// Prints one line a registered thread, "Thread "<name>": stack <used> of <size> bytes used",
+// for the debug shell (uac_thread_stack_report()). Returns the number of threads printed.
+int32_t uac_thread_stack_report(void) UAC_NOEXCEPT;
 
 // ---- Clocks. Uptime is CLOCK_MONOTONIC, time is CLOCK_REALTIME; they fall back to
 // gettimeofday (time(NULL) for seconds) and never fail.

@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <regex>
 #include <string>
+#include <thread>
 
 using itest::run;
 
@@ -61,4 +63,44 @@ TEST(DaemonDebugShell, CliCallsTheDaemonByName)
     run("nms_dbg -n 'help()'");
     EXPECT_TRUE(itest::wait_until(
         [] { return itest::console().find("** dbg ** module") != std::string::npos; }));
+}
+
+// Every thread of the daemon runs on the 64 KiB stack uac_thread_create gives it. After the
+// work of a device's day (events on every list, batches to the cloud, the bus object's
+// listings, the statistics the start-up registers, the debug shell itself), each has used at most three
+// quarters of it: on the musl targets too, where a thread's default stack is small.
+TEST(DaemonDebugShell, EveryThreadHasStackToSpareAfterWork)
+{
+    ASSERT_TRUE(itest::wait_until(
+        [] { return itest::file_exists("/tmp/jcs.service.srv.nms_report"); },
+        std::chrono::seconds(20)));
+    std::string types;
+    for (int list = 0; list < 8; list++)
+        types += "config event '" + std::to_string(701 + list) + "'\n\toption enable 'on'\n"
+                 "\toption level '" + std::to_string(list) + "'\n";
+    itest::write_file("/etc/nms_report/event_params", types);
+    for (int list = 0; list < 8; list++)
+        EXPECT_EQ(run("nms_event_send -n 50 " + std::to_string(701 + list) +
+                      " '{\"radio\":\"5g\",\"clients\":[1,2,3],\"note\":\"stack\"}'")
+                      .status,
+                  0);
+    for (int list = 0; list < 8; list++)
+        run("ubus call nms_report_cache flush_event_report '{\"list_id\":" + std::to_string(list) +
+            "}'");
+    run("ubus call nms_report_cache get_statistics_parms_reg '{\"cb\":\"printf rssi,noise,\"}'");
+    for (const char *method : {"print_list", "print_params_timer", "get_statistics_parms_list",
+                               "get_event_list"})
+        run(std::string("ubus call nms_report_cache ") + method);
+    std::this_thread::sleep_for(std::chrono::seconds(3 * itest::emulation_factor()));
+
+    std::string report = dbg("uac_thread_stack_report()");
+    const std::regex line("Thread \"([^\"]*)\": stack ([0-9]+) of ([0-9]+) bytes used\n");
+    int threads = 0;
+    for (std::sregex_iterator it(report.begin(), report.end(), line), end; it != end; ++it) {
+        const long used = std::stol((*it)[2]), size = std::stol((*it)[3]);
+        EXPECT_LE(used * 4, size * 3) << (*it)[1] << ": " << used << " of " << size;
+        threads++;
+    }
+    EXPECT_GE(threads, 20) << report;
+    EXPECT_EQ(report.find("stack unknown"), std::string::npos) << report;
 }

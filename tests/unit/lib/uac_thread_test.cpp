@@ -137,6 +137,61 @@ TEST(UacThread, ThreadsAreDetachedOnce) {
     EXPECT_EQ(plain.after, PTHREAD_CREATE_DETACHED);
 }
 
+// Touches about `bytes` of the calling thread's stack below this frame.
+__attribute__((noinline)) void touch_stack(size_t bytes) {
+    volatile char area[32 * 1024];
+    for (size_t i = 0; i < bytes && i < sizeof area; i += 256)
+        area[sizeof area - 1 - i] = static_cast<char>(i);
+}
+
+struct StackUse {
+    size_t touch;
+    size_t used = 0, size = 0;
+    int rc = -1;
+    std::atomic<bool> measured{false};
+    std::atomic<bool> go{false};
+};
+
+void *use_stack(void *p) {
+    auto *s = static_cast<StackUse *>(p);
+    touch_stack(s->touch);
+    s->rc = uac_thread_stack_used(uac_thread_pend_mark(nullptr), &s->used, &s->size);
+    s->measured.store(true);
+    wait_for(s->go);   // stay registered for the report
+    return nullptr;
+}
+
+// The measure the stack sizes were chosen by: how deep each thread went, from the pages of
+// its stack that were ever touched.
+TEST(UacThread, StackUseIsMeasuredFromTheTouchedPages) {
+    uac_thread_module_init();
+    StackUse deep, shallow;
+    deep.touch = 30 * 1024;
+    shallow.touch = 0;
+    pthread_t t1, t2;
+    ASSERT_EQ(uac_thread_create(&t1, "stack_deep", use_stack, &deep), 0);
+    ASSERT_EQ(uac_thread_create(&t2, "stack_shallow", use_stack, &shallow), 0);
+    wait_for(deep.measured);
+    wait_for(shallow.measured);
+    ASSERT_EQ(deep.rc, 0);
+    ASSERT_EQ(shallow.rc, 0);
+    EXPECT_GE(deep.size, static_cast<size_t>(UAC_THREAD_STACK_SIZE) - 8192);
+    EXPECT_GE(deep.used, 30u * 1024);
+    EXPECT_LT(deep.used, deep.size);
+    EXPECT_LT(shallow.used, 24u * 1024);
+
+    testing::internal::CaptureStdout();
+    EXPECT_GE(uac_thread_stack_report(), 2);
+    const std::string report = testing::internal::GetCapturedStdout();
+    EXPECT_NE(report.find("Thread \"stack_deep\": stack "), std::string::npos) << report;
+    EXPECT_NE(report.find(" bytes used\n"), std::string::npos) << report;
+    deep.go.store(true);
+    shallow.go.store(true);
+
+    size_t used = 0, size = 0;
+    EXPECT_EQ(uac_thread_stack_used(nullptr, &used, &size), -1);
+}
+
 // A registered thread that blocks on a mutex the test holds.
 struct Blocked {
     uac_mutex_t *m;
