@@ -60,6 +60,10 @@ function(nms_sandbox_test)
   # the binary inside scripts/sandbox, so each case gets a sandbox of its own.
   target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} nms_itest nms_warnings)
   set(env "NMS_STAGE=${NMS_TEST_STAGE}")
+  if(NMS_CROSS_SANDBOX)
+    list(APPEND env "NMS_SANDBOX_TARGET=${NMS_SYSROOT}" "NMS_SANDBOX_QEMU_CPU=${NMS_CROSS_QEMU_CPU}"
+      "NMS_TEST_EMULATOR=${NMS_CROSS_QEMU}")
+  endif()
   # SERVICES "" (start none) leaves T_SERVICES undefined; it is then a keyword without value.
   if(DEFINED T_SERVICES OR "SERVICES" IN_LIST T_KEYWORDS_MISSING_VALUES)
     list(APPEND env "NMS_SANDBOX_SERVICES=${T_SERVICES}")

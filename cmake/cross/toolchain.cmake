@@ -1,8 +1,9 @@
-# Cross toolchain for the device targets of scripts/cross-arch.sh: Debian's cross g++ for
+# Cross toolchain for the glibc target of scripts/cross-arch.sh: Debian's cross g++ for
 # NMS_CROSS_TRIPLET, a sysroot of the target's own libraries in NMS_SYSROOT, and qemu-user to
 # run what is built (test discovery, ctest). scripts/cross-test passes all four values:
-#   cmake -DCMAKE_TOOLCHAIN_FILE=cmake/cross/toolchain.cmake -DNMS_CROSS_TRIPLET=mipsel-linux-gnu
-#         -DNMS_CROSS_CPU=mipsel -DNMS_CROSS_QEMU=qemu-mipsel -DNMS_SYSROOT=<sysroot> ...
+#   cmake -DCMAKE_TOOLCHAIN_FILE=cmake/cross/toolchain.cmake -DNMS_CROSS_TRIPLET=s390x-linux-gnu
+#         -DNMS_CROSS_CPU=s390x -DNMS_CROSS_QEMU=qemu-s390x -DNMS_SYSROOT=<sysroot> ...
+# The OpenWrt (musl) targets use musl.cmake.
 # try_compile projects re-read this file; the values reach them through the environment.
 foreach(v NMS_CROSS_TRIPLET NMS_CROSS_CPU NMS_CROSS_QEMU NMS_SYSROOT)
   if(DEFINED ${v})
