@@ -113,7 +113,7 @@ musl_sources() {   # Debian's source packages, unpacked once into build-cross/sr
         (cd "$src" && apt-get "${opts[@]}" -qq source --download-only "$p" >/dev/null) ||
             musl_die "apt-get source $p failed (Debian's source package of $p is needed)"
     done
-    (cd "$src" && for d in *.dsc; do dpkg-source -x "$d" >/dev/null; done) ||
+    (cd "$src" && for d in *.dsc; do dpkg-source -x "$d" >/dev/null 2>&1 || exit 1; done) ||
         musl_die "dpkg-source could not unpack the sources in $src"
     ls "$src"/*.dsc | xargs -n1 basename >"$src/.done"
     rm -rf "$apt_dir"
