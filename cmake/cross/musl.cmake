@@ -3,18 +3,9 @@
 # writes in NMS_MUSL_BIN; the target's own libraries (json-c, GoogleTest) in NMS_SYSROOT;
 # qemu-user to run what is built, on a CPU of the target's kind. scripts/cross-test and
 # scripts/ipk pass every value (scripts/cross-arch.sh, nms_cross_cmake_args).
-# try_compile projects re-read this file; the values reach them through the environment.
-foreach(v NMS_CROSS_ARCH NMS_CROSS_CPU NMS_CROSS_QEMU NMS_CROSS_QEMU_CPU NMS_MUSL_BIN
-          NMS_CROSS_LDSO NMS_SYSROOT)
-  if(DEFINED ${v})
-    set(ENV{${v}} "${${v}}")
-  else()
-    set(${v} "$ENV{${v}}")
-  endif()
-  if(${v} STREQUAL "")
-    message(FATAL_ERROR "musl toolchain: ${v} is not set (use scripts/cross-test or make ipk)")
-  endif()
-endforeach()
+include(${CMAKE_CURRENT_LIST_DIR}/values.cmake)
+nms_toolchain_values("musl toolchain" NMS_CROSS_ARCH NMS_CROSS_CPU NMS_CROSS_QEMU NMS_CROSS_QEMU_CPU
+  NMS_MUSL_BIN NMS_CROSS_LDSO NMS_SYSROOT)
 if(NOT EXISTS ${NMS_MUSL_BIN}/${NMS_CROSS_ARCH}-c++)
   message(FATAL_ERROR "musl toolchain: ${NMS_MUSL_BIN}/${NMS_CROSS_ARCH}-c++ is missing: "
     "run scripts/install-deps --cross ${NMS_CROSS_ARCH}")

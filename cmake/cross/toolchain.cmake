@@ -4,17 +4,8 @@
 #   cmake -DCMAKE_TOOLCHAIN_FILE=cmake/cross/toolchain.cmake -DNMS_CROSS_TRIPLET=s390x-linux-gnu
 #         -DNMS_CROSS_CPU=s390x -DNMS_CROSS_QEMU=qemu-s390x -DNMS_SYSROOT=<sysroot> ...
 # The OpenWrt (musl) targets use musl.cmake.
-# try_compile projects re-read this file; the values reach them through the environment.
-foreach(v NMS_CROSS_TRIPLET NMS_CROSS_CPU NMS_CROSS_QEMU NMS_SYSROOT)
-  if(DEFINED ${v})
-    set(ENV{${v}} "${${v}}")
-  else()
-    set(${v} "$ENV{${v}}")
-  endif()
-  if(${v} STREQUAL "")
-    message(FATAL_ERROR "cross toolchain: ${v} is not set (use scripts/cross-test or make ipk)")
-  endif()
-endforeach()
+include(${CMAKE_CURRENT_LIST_DIR}/values.cmake)
+nms_toolchain_values("cross toolchain" NMS_CROSS_TRIPLET NMS_CROSS_CPU NMS_CROSS_QEMU NMS_SYSROOT)
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ${NMS_CROSS_CPU})
