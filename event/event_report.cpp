@@ -65,24 +65,34 @@ void wake_batch_thread() {
     sem_post(&g_batch_wake);
 }
 
-// Asynchronous sends: jobs in call order and the number of sender threads running.
+// Asynchronous sends: jobs in call order and the number of sender threads running. Never
+// destroyed: the sender threads are detached and may still be running while the process
+// exits, and a queue and lock destroyed by the exit handlers would be used after they were
+// freed (seen in the fuzz run of the bus arguments).
 constexpr int kAsyncSenders = 4;
-std::mutex g_async_mu;
-std::deque<report_send_job *> g_async_jobs;
-int g_async_senders = 0;
+struct AsyncQueue {
+    std::mutex mu;
+    std::deque<report_send_job *> jobs;
+    int senders = 0;
+};
+AsyncQueue &async_queue() {
+    static AsyncQueue *q = new AsyncQueue;
+    return *q;
+}
 
 // A sender thread: sends queued jobs one after another and ends when none is left.
 void *async_sender(void *) noexcept {
+    AsyncQueue &q = async_queue();
     for (;;) {
         report_send_job *job = nullptr;
         {
-            std::lock_guard<std::mutex> hold(g_async_mu);
-            if (g_async_jobs.empty()) {
-                g_async_senders--;
+            std::lock_guard<std::mutex> hold(q.mu);
+            if (q.jobs.empty()) {
+                q.senders--;
                 return nullptr;
             }
-            job = g_async_jobs.front();
-            g_async_jobs.pop_front();
+            job = q.jobs.front();
+            q.jobs.pop_front();
         }
         send_report_handle(job);
     }
@@ -453,23 +463,24 @@ extern "C" int send_report_info_async(const char *content, const char *url,
     // One thread per call, without a bound, let a cloud that never answers pile up threads
     // and their stacks for as long as each send took.
     bool start = false;
+    AsyncQueue &q = async_queue();
     {
-        std::lock_guard<std::mutex> hold(g_async_mu);
-        g_async_jobs.push_back(job);
-        if (g_async_senders < kAsyncSenders) {
-            g_async_senders++;
+        std::lock_guard<std::mutex> hold(q.mu);
+        q.jobs.push_back(job);
+        if (q.senders < kAsyncSenders) {
+            q.senders++;
             start = true;
         }
     }
     pthread_t tid;
     if (!start || uac_thread_create(&tid, "send_report_info", async_sender, nullptr) == 0)
         return 0;
-    std::lock_guard<std::mutex> hold(g_async_mu);
-    g_async_senders--;
+    std::lock_guard<std::mutex> hold(q.mu);
+    q.senders--;
     // A running sender will take the job; with none, the call fails as before.
-    if (g_async_senders > 0)
+    if (q.senders > 0)
         return 0;
-    g_async_jobs.pop_back();
+    q.jobs.pop_back();
     return fail();
 }
 
