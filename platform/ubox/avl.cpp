@@ -1,7 +1,8 @@
 // avl.cpp - height-balanced binary search tree of embedded nodes, threaded by
 // a list in key order.
 //
-// Each node stores the height of its subtree. After an insert or delete the
+// Each node stores the height of its subtree, in the field the device's library calls
+// balance. After an insert or delete the
 // path from the lowest changed node to the root is walked once, fixing
 // heights and rotating where the two sides differ by more than one; that
 // walk is O(log n) and keeps the code to one rebalancing routine. The key
@@ -15,14 +16,14 @@ namespace {
 
 int height(const avl_node *n)
 {
-	return n ? n->height : 0;
+	return n ? n->balance : 0;
 }
 
 void update_height(avl_node *n)
 {
 	int l = height(n->left);
 	int r = height(n->right);
-	n->height = 1 + (l > r ? l : r);
+	n->balance = static_cast<signed char>(1 + (l > r ? l : r));
 }
 
 void replace_child(avl_tree *tree, avl_node *parent, avl_node *old_child, avl_node *new_child)
@@ -170,7 +171,7 @@ void *avl_find_container(const avl_tree *tree, const void *key, size_t offset,
 int avl_insert(avl_tree *tree, avl_node *node) noexcept
 {
 	node->left = node->right = nullptr;
-	node->height = 1;
+	node->balance = 1;
 	avl_node *parent = nullptr;
 	avl_node *cur = tree->root;
 	int c = 0;

@@ -16,7 +16,7 @@ constexpr size_t round_up(size_t len)
 
 } // namespace
 
-extern "C" void *ubox_calloc_a(size_t len, ...) noexcept
+extern "C" void *__calloc_a(size_t len, ...) noexcept
 {
 	// First pass: total size. The argument list is (ptr, len) pairs ended by NULL.
 	size_t total = round_up(len);

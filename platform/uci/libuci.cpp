@@ -533,12 +533,22 @@ int load_package(uci_context *ctx, const char *name, uci_package **out, HeldLock
         return UCI_ERR_INVAL;
     *out = nullptr;
     std::string path, pkgname;
+    bool uses_conf2 = false;
     bool in_confdir = !(name[0] == '/' || (name[0] == '.' && name[1] == '/'));
     if (in_confdir) {
         if (strchr(name, '/'))
             return UCI_ERR_INVAL;
         pkgname = name;
         path = std::string(ctx->confdir) + "/" + name;
+        // A package in the override directory hides the confdir's; commits go back to it.
+        if (ctx->conf2dir && valid_package(name)) {
+            std::string over = std::string(ctx->conf2dir) + "/" + name;
+            struct stat st;
+            if (stat(over.c_str(), &st) == 0) {
+                path = std::move(over);
+                uses_conf2 = true;
+            }
+        }
     } else {
         path = name;
         pkgname = path.substr(path.rfind('/') + 1);
@@ -561,6 +571,7 @@ int load_package(uci_context *ctx, const char *name, uci_package **out, HeldLock
     rc = parse_package_text(ctx, p.get(), text);
     if (rc != UCI_OK)
         return rc;
+    p->uses_conf2 = uses_conf2;
     if (in_confdir) {
         p->has_delta = true;
         uci_element *e;
@@ -996,6 +1007,7 @@ struct uci_context *uci_alloc_context(void) noexcept
     try {
         ctx->confdir = make_str(UCI_CONFDIR).release();
         ctx->savedir = make_str(UCI_SAVEDIR).release();
+        ctx->conf2dir = make_str(UCI_CONF2DIR).release();
         list_add_tail(&ctx->delta_path, &new_path_element(ctx->savedir)->list);
         CStr n = make_str("file");
         auto *b = alloc_zeroed<uci_backend>();
@@ -1028,12 +1040,25 @@ void uci_free_context(struct uci_context *ctx) noexcept
     free(ctx->buf);
     free(ctx->confdir);
     free(ctx->savedir);
+    free(ctx->conf2dir);
     free(ctx);
 }
 
 int uci_set_confdir(struct uci_context *ctx, const char *dir) noexcept
 {
     return guarded(ctx, [&]() -> int { return set_dir(&ctx->confdir, dir); });
+}
+
+int uci_set_conf2dir(struct uci_context *ctx, const char *dir) noexcept
+{
+    return guarded(ctx, [&]() -> int {
+        CStr d;
+        if (dir && *dir)
+            d = make_str(dir);
+        free(ctx->conf2dir);
+        ctx->conf2dir = d.release();
+        return UCI_OK;
+    });
 }
 
 // The save directory is always searched last for delta files.

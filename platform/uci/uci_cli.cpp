@@ -86,6 +86,7 @@ void usage(const char *appname)
             "\n"
             "Options:\n"
             "\t-c <path>  configuration directory (default: " UCI_CONFDIR ")\n"
+            "\t-C <path>  directory of override files (default: " UCI_CONF2DIR ")\n"
             "\t-d <str>   delimiter between list items in get and show (default: ' ')\n"
             "\t-f <file>  use <file> as input instead of stdin\n"
             "\t-m         when importing, merge data into an existing package\n"
@@ -488,11 +489,14 @@ int run(Cli &cli, int argc, char **argv)
 {
     // '+': options end at the first command word, as on the device's libc.
     int opt;
-    while ((opt = getopt(argc, argv, "+c:d:f:mnNp:P:qsSt:X")) != -1) {
+    while ((opt = getopt(argc, argv, "+c:C:d:f:mnNp:P:qsSt:X")) != -1) {
         uci_context *ctx = cli.ctx;
         switch (opt) {
         case 'c':
             uci_set_confdir(ctx, optarg);
+            break;
+        case 'C':
+            uci_set_conf2dir(ctx, optarg);
             break;
         case 'd':
             cli.delimiter = optarg;

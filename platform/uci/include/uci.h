@@ -13,6 +13,7 @@
 
 #include "uci_config.h"
 
+#include <setjmp.h>
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -30,6 +31,8 @@ extern "C" {
 #endif
 
 #define UCI_CONFDIR "/etc/config"
+/* Override files: a package found here is read (and committed) instead of the confdir's. */
+#define UCI_CONF2DIR "/var/run/uci"
 #define UCI_SAVEDIR "/tmp/.uci"
 #define UCI_DIRMODE 0700
 #define UCI_FILEMODE 0600
@@ -126,10 +129,12 @@ struct uci_context
 	enum uci_flags flags;              /* default STRICT | SAVED_DELTA */
 	char *confdir;                     /* default UCI_CONFDIR */
 	char *savedir;                     /* default UCI_SAVEDIR */
+	char *conf2dir;                    /* default UCI_CONF2DIR; NULL: no override files */
 	struct uci_list delta_path;        /* dirs searched for delta files, savedir last */
 	/* private */
 	int err;
 	const char *func;
+	jmp_buf trap;                      /* unused here; keeps the device library's layout */
 	bool internal, nested;
 	char *buf;
 	int bufsz;
@@ -141,6 +146,7 @@ struct uci_package
 	struct uci_list sections;
 	struct uci_context *ctx;
 	bool has_delta;                    /* loaded from the confdir: deltas apply */
+	bool uses_conf2;                   /* read from the conf2dir's override file */
 	char *path;                        /* file the package was read from */
 	/* private */
 	struct uci_backend *backend;
@@ -210,6 +216,8 @@ struct uci_context *uci_alloc_context(void) UCI_NOEXCEPT;
 void uci_free_context(struct uci_context *ctx) UCI_NOEXCEPT;
 int uci_set_confdir(struct uci_context *ctx, const char *dir) UCI_NOEXCEPT;
 int uci_set_savedir(struct uci_context *ctx, const char *dir) UCI_NOEXCEPT;
+/* NULL or "": no override directory. */
+int uci_set_conf2dir(struct uci_context *ctx, const char *dir) UCI_NOEXCEPT;
 int uci_add_delta_path(struct uci_context *ctx, const char *dir) UCI_NOEXCEPT;
 int uci_set_backend(struct uci_context *ctx, const char *name) UCI_NOEXCEPT;
 

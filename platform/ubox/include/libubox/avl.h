@@ -21,7 +21,11 @@ struct avl_node {
 	struct avl_node *left;
 	struct avl_node *right;
 	const void *key;               /* set by the caller before avl_insert */
-	int height;                    /* of the subtree rooted here, leaf = 1 */
+	/* The device's libubox keeps the balance factor here; this one keeps the height of the
+	 * subtree rooted here (leaf 1, at most 45 for 2^32 nodes). Only the library reads it;
+	 * what must agree is the type: the node is embedded in callers' objects
+	 * (struct ubus_object), and an int here moved every later field on 32-bit targets. */
+	signed char balance;
 	bool leader;                   /* first node of a run of equal keys */
 };
 

@@ -58,8 +58,8 @@ extern "C" {
  * len bytes followed by the further pieces; each *ptrN is set to its piece.
  * Every piece starts on an 8-byte boundary. Returns the first piece (free() it
  * alone releases all) or NULL, in which case no *ptrN is written. */
-void *ubox_calloc_a(size_t len, ...) UBOX_NOEXCEPT;
-#define calloc_a(len, ...) ubox_calloc_a(len, ##__VA_ARGS__, NULL)
+void *__calloc_a(size_t len, ...) UBOX_NOEXCEPT;
+#define calloc_a(len, ...) __calloc_a(len, ##__VA_ARGS__, NULL)
 
 #ifdef __cplusplus
 }

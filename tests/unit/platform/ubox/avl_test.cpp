@@ -36,7 +36,7 @@ int check_subtree(const avl_node *n, const avl_node *parent, int &count)
 	int l = check_subtree(n->left, n, count);
 	int r = check_subtree(n->right, n, count);
 	EXPECT_LE(std::abs(l - r), 1);
-	EXPECT_EQ(1 + std::max(l, r), n->height);
+	EXPECT_EQ(1 + std::max(l, r), n->balance);
 	return 1 + std::max(l, r);
 }
 

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include <dirent.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -244,6 +245,45 @@ TEST_F(Uci, ValuesRoundTripThroughDeltasAndCommit)
     }
     EXPECT_EQ(read_file(dir.save_file(kPkg)), "");
     check("read from the committed file");
+}
+
+// A package in the override directory hides the confdir's one and takes its commits; without
+// one, or with the override directory switched off, the confdir's is read.
+TEST_F(Uci, OverrideDirectoryHidesTheConfdirsPackage)
+{
+    const std::string over = dir.root() + "/over";
+    ASSERT_EQ(mkdir(over.c_str(), 0700), 0);
+    write_file(dir.conf_file(kPkg), "config t s\n\toption o 'base'\n");
+    {
+        UciPtr ctx = open_ctx(dir);
+        EXPECT_STREQ(ctx->conf2dir, UCI_CONF2DIR);
+        ASSERT_EQ(uci_set_conf2dir(ctx.get(), over.c_str()), UCI_OK);
+        uci_package *p = load(ctx.get());
+        ASSERT_NE(p, nullptr);
+        EXPECT_FALSE(p->uses_conf2);
+        EXPECT_EQ(value_of(ctx.get(), p, "s", "o"), "base");
+    }
+    write_file(over + "/" + kPkg, "config t s\n\toption o 'over'\n");
+    {
+        UciPtr ctx = open_ctx(dir);
+        ASSERT_EQ(uci_set_conf2dir(ctx.get(), over.c_str()), UCI_OK);
+        set_and_save(ctx.get(), std::string(kPkg) + ".s.n=new");
+        uci_package *p = uci_lookup_package(ctx.get(), kPkg);
+        ASSERT_NE(p, nullptr);
+        EXPECT_TRUE(p->uses_conf2);
+        EXPECT_EQ(value_of(ctx.get(), p, "s", "o"), "over");
+        ASSERT_EQ(uci_commit(ctx.get(), &p, false), UCI_OK);
+    }
+    EXPECT_NE(read_file(over + "/" + kPkg).find("option n 'new'"), std::string::npos);
+    EXPECT_EQ(read_file(dir.conf_file(kPkg)), "config t s\n\toption o 'base'\n");
+    {
+        UciPtr ctx = open_ctx(dir);
+        ASSERT_EQ(uci_set_conf2dir(ctx.get(), nullptr), UCI_OK);
+        EXPECT_EQ(ctx->conf2dir, nullptr);
+        uci_package *p = load(ctx.get());
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(value_of(ctx.get(), p, "s", "o"), "base");
+    }
 }
 
 TEST_F(Uci, ListAndStringOptions)
