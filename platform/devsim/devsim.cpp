@@ -9,6 +9,7 @@
 
 #include <libubus.h>
 #include <libubox/blobmsg.h>
+#include <libubox/blobmsg_json.h>
 #include <libubox/uloop.h>
 
 #include <httplib.h>
@@ -21,11 +22,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <list>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -40,6 +43,7 @@ struct Options {
     std::string site_id = "sandbox-site";
     std::string mac = "00-11-22-33-44-55";
     std::string tell;    // http://HOST:PORT/PATH that hears of each link state, or empty
+    std::string service_log;  // non-empty: publish procd's service object, recording here
 };
 
 struct Callback {
@@ -376,6 +380,69 @@ const ubus_method varn_methods[] = {
 ubus_object_type varn_type = UBUS_OBJECT_TYPE("varnServer", varn_methods);
 ubus_object varn_object = {};
 
+// ---- service (procd's), recording ----------------------------------------------------------
+
+// With --service-log FILE devsim stands in for procd's service object as init scripts talk to
+// it (through procd.sh's "ubus call service ..."): every call is appended to FILE as one line,
+// {"method":"set","message":{...}}, and list answers the last message set for each service.
+// Nothing is started: a test runs the recorded commands as procd would.
+std::map<std::string, std::string> g_services;  // service name -> last set/add message (JSON)
+
+enum { SVC_NAME, SVC_COUNT };
+const blobmsg_policy service_policy[] = {
+    /* SVC_NAME */ {"name", BLOBMSG_TYPE_STRING},
+};
+static_assert(ARRAY_SIZE(service_policy) == SVC_COUNT, "one policy entry per argument");
+
+int service_record(ubus_context *, ubus_object *, ubus_request_data *, const char *method,
+                   blob_attr *msg)
+{
+    char *json = blobmsg_format_json(msg, true);
+    if (!json)
+        return UBUS_STATUS_UNKNOWN_ERROR;
+    if (FILE *f = std::fopen(g_opt.service_log.c_str(), "a")) {
+        std::fprintf(f, "{\"method\":\"%s\",\"message\":%s}\n", method, json);
+        std::fclose(f);
+    } else {
+        say("cannot append to %s: %s", g_opt.service_log.c_str(), std::strerror(errno));
+    }
+    blob_attr *tb[SVC_COUNT];
+    blobmsg_parse(service_policy, SVC_COUNT, tb, blob_data(msg), blob_len(msg));
+    if (tb[SVC_NAME]) {
+        const char *name = blobmsg_get_string(tb[SVC_NAME]);
+        if (!std::strcmp(method, "set") || !std::strcmp(method, "add"))
+            g_services[name] = json;
+        else if (!std::strcmp(method, "delete"))
+            g_services.erase(name);
+    }
+    std::free(json);
+    return 0;
+}
+
+int service_list(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *,
+                 blob_attr *)
+{
+    blob_buf_init(&g_reply, 0);
+    for (const auto &[name, json] : g_services) {
+        void *t = blobmsg_open_table(&g_reply, name.c_str());
+        blobmsg_add_json_from_string(&g_reply, json.c_str());
+        blobmsg_close_table(&g_reply, t);
+    }
+    ubus_send_reply(ctx, req, g_reply.head);
+    return 0;
+}
+
+const ubus_method service_methods[] = {
+    UBUS_METHOD_NOARG("set", service_record),
+    UBUS_METHOD_NOARG("add", service_record),
+    UBUS_METHOD_NOARG("delete", service_record),
+    UBUS_METHOD_NOARG("signal", service_record),
+    UBUS_METHOD_NOARG("event", service_record),
+    UBUS_METHOD_NOARG("list", service_list),
+};
+ubus_object_type service_type = UBUS_OBJECT_TYPE("service", service_methods);
+ubus_object service_object = {};
+
 // ---- the bus connection --------------------------------------------------------------------
 
 const char *socket_path() { return g_opt.socket.empty() ? nullptr : g_opt.socket.c_str(); }
@@ -405,7 +472,9 @@ void try_connect(uloop_timeout *t)
         uloop_timeout_set(t, kRetryMs);
         return;
     }
-    for (ubus_object *obj : {&cloudclient_object, &varn_object}) {
+    for (ubus_object *obj : {&cloudclient_object, &varn_object, &service_object}) {
+        if (obj == &service_object && g_opt.service_log.empty())
+            continue;
         int rc = ubus_add_object(ctx, obj);
         if (rc != 0) {
             say("cannot publish %s: %s (is another one on the bus?)", obj->name,
@@ -435,7 +504,9 @@ void usage(FILE *to)
                "$DEVSIM_MAC)\n"
                "  -s SOCKET     bus socket (default the library's)\n"
                "  --tell URL    POST each link state to http://ADDRESS:PORT/PATH (cloudsim's\n"
-               "                /api/device), as the cloud would see the client come and go\n",
+               "                /api/device), as the cloud would see the client come and go\n"
+               "  --service-log FILE  also stand in for procd's service object: record each\n"
+               "                call to it in FILE, one JSON line each\n",
                to);
 }
 
@@ -464,7 +535,8 @@ bool parse_options(int argc, char **argv)
             usage(stdout);
             std::exit(0);
         }
-        if (a != "--status" && a != "--site-id" && a != "--mac" && a != "-s" && a != "--tell") {
+        if (a != "--status" && a != "--site-id" && a != "--mac" && a != "-s" && a != "--tell" &&
+            a != "--service-log") {
             std::fprintf(stderr, "devsim: unknown argument '%s'\n", a.c_str());
             usage(stderr);
             return false;
@@ -483,6 +555,8 @@ bool parse_options(int argc, char **argv)
             g_opt.mac = v;
         } else if (a == "--tell") {
             g_opt.tell = v;
+        } else if (a == "--service-log") {
+            g_opt.service_log = v;
         } else {
             g_opt.socket = v;
         }
@@ -506,6 +580,10 @@ int main(int argc, char **argv)
     varn_object.type = &varn_type;
     varn_object.methods = varn_methods;
     varn_object.n_methods = ARRAY_SIZE(varn_methods);
+    service_object.name = "service";
+    service_object.type = &service_type;
+    service_object.methods = service_methods;
+    service_object.n_methods = ARRAY_SIZE(service_methods);
 
     uloop_init();
     g_retry.cb = try_connect;

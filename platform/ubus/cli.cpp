@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 
 #include <getopt.h>
@@ -46,6 +47,7 @@ void usage(const char *prog)
             "Commands:\n"
             " - list [<path>]\t\t\tList objects\n"
             " - call <path> <method> [<message>]\tCall an object method\n"
+            " - wait_for <object> [<object>...]\tWait for multiple objects to appear on ubus\n"
             "\n",
             prog);
 }
@@ -168,6 +170,34 @@ int cmd_call(ubus_context *ctx, const Options &opt, int argc, char **argv)
     return ret;
 }
 
+// Returns once every object named is on the bus, or UBUS_STATUS_TIMEOUT after the time-out
+// (-t). The device's tool listens for the broker's object-add events; this one asks the
+// broker every 100 ms, which a caller cannot tell apart.
+int cmd_wait_for(ubus_context *ctx, const Options &opt, int argc, char **argv)
+{
+    if (argc < 1)
+        return -2;
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const long long deadline_ms = now.tv_sec * 1000LL + now.tv_nsec / 1000000 +
+                                  static_cast<long long>(opt.timeout_s) * 1000;
+    for (;;) {
+        int missing = 0;
+        for (int i = 0; i < argc; i++) {
+            uint32_t id;
+            if (ubus_lookup_id(ctx, argv[i], &id) != 0)
+                missing++;
+        }
+        if (!missing)
+            return 0;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        if (now.tv_sec * 1000LL + now.tv_nsec / 1000000 >= deadline_ms)
+            return UBUS_STATUS_TIMEOUT;
+        const timespec pause = {0, 100 * 1000 * 1000};
+        nanosleep(&pause, nullptr);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char **argv)
@@ -217,6 +247,8 @@ int main(int argc, char **argv)
         ret = cmd_list(ctx, opt, argc - 1, argv + 1);
     } else if (!strcmp(argv[0], "call") && argc >= 3 && argc <= 4) {
         ret = cmd_call(ctx, opt, argc - 1, argv + 1);
+    } else if (!strcmp(argv[0], "wait_for")) {
+        ret = cmd_wait_for(ctx, opt, argc - 1, argv + 1);
     } else {
         ret = -2;
     }

@@ -227,6 +227,16 @@ TEST(UbusCli, CallsPrintRepliesAndStatusesAsTheDeviceToolDoes)
                         "\t\"hang\":{}\n");
     r = run("ubus list nothing");
     EXPECT_EQ(r.status, 4);
+
+    SCOPED_TRACE("wait_for: at once for objects that are there, a time-out for one that is not");
+    r = run("ubus -t 1 wait_for test");
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.output, "");
+    r = run("ubus -t 1 wait_for test nothing");
+    EXPECT_EQ(r.status, 7);
+    EXPECT_EQ(r.output, "Command failed: Request timed out\n");
+    r = run("ubus -t 1 wait_for 2>&1 | head -1");  // no object named: a usage error
+    EXPECT_EQ(r.output, "Usage: ubus [<options>] <command> [arguments...]\n");
 }
 
 TEST(UbusCli, TwentyConcurrentCallsAllGetTheirOwnAnswer)
