@@ -126,6 +126,34 @@ nms_pkg_roots() {
 desc_nms_report="Event and statistics reporting to the cloud management service (bus object nms_report_cache)"
 desc_libinfo="libInfo_report over HTTP (POST to the base URL in UCI), for devices without the vendor's library"
 
+# The maintainer scripts of the package with the init script: what OpenWrt's generated ones
+# do for it (default_postinst and default_prerm of /lib/functions.sh), written out so that
+# they need nothing of the device's. In an image being assembled ($IPKG_INSTROOT) the service
+# is enabled or disabled in that root through its rc.common and nothing runs; on a live device
+# it is enabled on a first install only (an upgrade keeps what the user chose), then started,
+# and stopped before removal, disabled unless an upgrade follows.
+nms_pkg_postinst() {
+    printf '%s\n' '#!/bin/sh' \
+        '[ "${IPKG_NO_SCRIPT}" = "1" ] && exit 0' \
+        'if [ -n "${IPKG_INSTROOT}" ]; then' \
+        '	/bin/sh "${IPKG_INSTROOT}/etc/rc.common" "${IPKG_INSTROOT}/etc/init.d/nms_report" enable' \
+        '	exit 0' \
+        'fi' \
+        '[ "${PKG_UPGRADE}" = "1" ] || /etc/init.d/nms_report enable' \
+        '/etc/init.d/nms_report start' \
+        'exit 0'
+}
+nms_pkg_prerm() {
+    printf '%s\n' '#!/bin/sh' \
+        'if [ -n "${IPKG_INSTROOT}" ]; then' \
+        '	/bin/sh "${IPKG_INSTROOT}/etc/rc.common" "${IPKG_INSTROOT}/etc/init.d/nms_report" disable' \
+        '	exit 0' \
+        'fi' \
+        '[ "${PKG_UPGRADE}" = "1" ] || /etc/init.d/nms_report disable' \
+        '/etc/init.d/nms_report stop' \
+        'exit 0'
+}
+
 # Settings are conffiles: every file under /etc but the init scripts.
 nms_pkg_conffiles() {  # ROOT: their paths, one a line
     [ -d "$1/etc" ] || return 0
