@@ -3,9 +3,9 @@
 // daemon does when the recorded commands are run as procd runs them: started, killed and
 // started again, reloaded after settings change.
 #include "itest.h"
+#include "itest_json.h"
 
 #include <httplib.h>
-#include <json-c/json.h>
 
 #include <gtest/gtest.h>
 
@@ -17,23 +17,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+using itest::at;
+using itest::JsonPtr;
 using itest::run;
 
 namespace {
 
 constexpr const char *kServiceLog = "/tmp/service.log";
 constexpr const char *kSyslog = "/tmp/syslog";
-
-struct JsonPut {
-    void operator()(json_object *o) const { json_object_put(o); }
-};
-using JsonPtr = std::unique_ptr<json_object, JsonPut>;
-
-json_object *member(json_object *o, const char *key)
-{
-    json_object *v = nullptr;
-    return o && json_object_object_get_ex(o, key, &v) ? v : nullptr;
-}
 
 std::vector<std::string> strings(json_object *array)
 {
@@ -81,20 +72,20 @@ protected:
             return nullptr;
         size_t begin = log.rfind('\n', end);
         begin = begin == std::string::npos ? 0 : begin + 1;
-        JsonPtr line(json_tokener_parse(log.substr(begin, end + 1 - begin).c_str()));
-        json_object *msg = member(line.get(), "message");
+        JsonPtr line = itest::parse(log.substr(begin, end + 1 - begin));
+        json_object *msg = at(line.get(), {"message"});
         return JsonPtr(msg ? json_object_get(msg) : nullptr);
     }
 
     json_object *instance(json_object *msg, const char *name)
     {
-        return member(member(msg, "instances"), name);
+        return at(msg, {"instances", name});
     }
 
     // Runs an instance's command as procd does; its output goes where procd's capture would.
     pid_t start_instance(json_object *inst)
     {
-        std::vector<std::string> argv = strings(member(inst, "command"));
+        std::vector<std::string> argv = strings(at(inst, {"command"}));
         if (argv.empty())
             return -1;
         pid_t pid = fork();
@@ -129,21 +120,21 @@ TEST_F(InitScript, TellsProcdTheDaemonItsRestartsItsTriggersAndItsLogReader)
     ASSERT_EQ(r.status, 0) << r.output;
     JsonPtr msg = last_message();
     ASSERT_TRUE(msg);
-    EXPECT_STREQ(json_object_get_string(member(msg.get(), "name")), "nms_report");
+    EXPECT_STREQ(json_object_get_string(at(msg.get(), {"name"})), "nms_report");
     json_object *daemon = instance(msg.get(), "nms_report");
     ASSERT_TRUE(daemon);
-    std::vector<std::string> cmd = strings(member(daemon, "command"));
+    std::vector<std::string> cmd = strings(at(daemon, {"command"}));
     ASSERT_EQ(cmd.size(), 3u);
     EXPECT_EQ(cmd[0], "/bin/sh");
     EXPECT_NE(cmd[2].find("exec /usr/sbin/nms_report"), std::string::npos) << cmd[2];
-    EXPECT_EQ(strings(member(daemon, "respawn")), (std::vector<std::string>{"3600", "5", "5"}));
-    EXPECT_TRUE(json_object_get_boolean(member(daemon, "stdout")));
-    EXPECT_TRUE(json_object_get_boolean(member(daemon, "stderr")));
+    EXPECT_EQ(strings(at(daemon, {"respawn"})), (std::vector<std::string>{"3600", "5", "5"}));
+    EXPECT_TRUE(json_object_get_boolean(at(daemon, {"stdout"})));
+    EXPECT_TRUE(json_object_get_boolean(at(daemon, {"stderr"})));
     EXPECT_FALSE(instance(msg.get(), "log_reader")) << "no log reader on the console";
 
     SCOPED_TRACE("a commit to either package in /etc/config reloads the service");
     std::string triggers = json_object_to_json_string_ext(
-        member(msg.get(), "triggers"), JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
+        at(msg.get(), {"triggers"}), JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
     for (const char *pkg : {"nms_report", "info_report"})
         EXPECT_NE(triggers.find(std::string("[\"config.change\",[\"if\",[\"eq\",\"package\",\"") +
                                 pkg + "\"],[\"run_script\",\"/etc/init.d/nms_report\",\"reload\"]],1000]"),
@@ -154,13 +145,13 @@ TEST_F(InitScript, TellsProcdTheDaemonItsRestartsItsTriggersAndItsLogReader)
     ASSERT_EQ(run("uci set nms_report.main.output=log && uci commit nms_report").status, 0);
     ASSERT_EQ(run("/etc/init.d/nms_report start").status, 0);
     JsonPtr log_msg = last_message();
-    EXPECT_EQ(strings(member(instance(log_msg.get(), "nms_report"), "command")), cmd);
+    EXPECT_EQ(strings(at(instance(log_msg.get(), "nms_report"), {"command"})), cmd);
     json_object *reader = instance(log_msg.get(), "log_reader");
     ASSERT_TRUE(reader);
-    std::vector<std::string> rcmd = strings(member(reader, "command"));
+    std::vector<std::string> rcmd = strings(at(reader, {"command"}));
     ASSERT_EQ(rcmd.size(), 3u);
     EXPECT_NE(rcmd[2].find("logger -t nms_report 0<>/var/run/nms_report.log"), std::string::npos);
-    EXPECT_EQ(strings(member(reader, "respawn")), (std::vector<std::string>{"3600", "5", "0"}));
+    EXPECT_EQ(strings(at(reader, {"respawn"})), (std::vector<std::string>{"3600", "5", "0"}));
     EXPECT_EQ(run("test -p /var/run/nms_report.log").status, 0);
 
     SCOPED_TRACE("stop, enable, disable");

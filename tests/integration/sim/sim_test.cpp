@@ -2,9 +2,9 @@
 // reports posted and read back, fault orders, the page; the device's bus objects through the
 // installed ubus tool, as the daemon and other services call them.
 #include "itest.h"
+#include "itest_json.h"
 
 #include <httplib.h>
-#include <json-c/json.h>
 
 #include <gtest/gtest.h>
 
@@ -12,33 +12,15 @@
 #include <memory>
 #include <string>
 
+using itest::at;
+using itest::JsonPtr;
+using itest::parse;
 using itest::run;
 
 namespace {
 
 constexpr const char *kEventPath = "/nexo/devmsg/v1/reportDevEventMsg";
 constexpr const char *kParamPath = "/nexo/devmsg/v1/reportParamsMsg";
-
-struct JsonPut {
-    void operator()(json_object *o) const { json_object_put(o); }
-};
-using JsonPtr = std::unique_ptr<json_object, JsonPut>;
-
-JsonPtr parse(const std::string &text) { return JsonPtr(json_tokener_parse(text.c_str())); }
-
-// Member by a path of keys and array indexes ("devEventList", "0", ...); null when absent.
-json_object *at(json_object *o, std::initializer_list<const char *> path)
-{
-    for (const char *k : path) {
-        if (!o)
-            return nullptr;
-        if (json_object_is_type(o, json_type_array))
-            o = json_object_array_get_idx(o, std::stoul(k));
-        else if (!json_object_object_get_ex(o, k, &o))
-            return nullptr;
-    }
-    return o;
-}
 
 std::string str(json_object *o) { return o ? json_object_get_string(o) : "<absent>"; }
 
