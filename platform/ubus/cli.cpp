@@ -177,10 +177,12 @@ int cmd_wait_for(ubus_context *ctx, const Options &opt, int argc, char **argv)
 {
     if (argc < 1)
         return -2;
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const long long deadline_ms = now.tv_sec * 1000LL + now.tv_nsec / 1000000 +
-                                  static_cast<long long>(opt.timeout_s) * 1000;
+    auto now_ms = [] {
+        timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+    };
+    const long long deadline_ms = now_ms() + static_cast<long long>(opt.timeout_s) * 1000;
     for (;;) {
         int missing = 0;
         for (int i = 0; i < argc; i++) {
@@ -190,8 +192,7 @@ int cmd_wait_for(ubus_context *ctx, const Options &opt, int argc, char **argv)
         }
         if (!missing)
             return 0;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        if (now.tv_sec * 1000LL + now.tv_nsec / 1000000 >= deadline_ms)
+        if (now_ms() >= deadline_ms)
             return UBUS_STATUS_TIMEOUT;
         const timespec pause = {0, 100 * 1000 * 1000};
         nanosleep(&pause, nullptr);

@@ -540,21 +540,21 @@ int load_package(uci_context *ctx, const char *name, uci_package **out, HeldLock
             return UCI_ERR_INVAL;
         pkgname = name;
         path = std::string(ctx->confdir) + "/" + name;
-        // A package in the override directory hides the confdir's; commits go back to it.
-        if (ctx->conf2dir && valid_package(name)) {
-            std::string over = std::string(ctx->conf2dir) + "/" + name;
-            struct stat st;
-            if (stat(over.c_str(), &st) == 0) {
-                path = std::move(over);
-                uses_conf2 = true;
-            }
-        }
     } else {
         path = name;
         pkgname = path.substr(path.rfind('/') + 1);
     }
     if (!valid_package(pkgname.c_str()))
         return UCI_ERR_INVAL;
+    // A package in the override directory hides the confdir's; commits go back to it.
+    if (in_confdir && ctx->conf2dir) {
+        std::string over = std::string(ctx->conf2dir) + "/" + pkgname;
+        struct stat st;
+        if (stat(over.c_str(), &st) == 0) {
+            path = std::move(over);
+            uses_conf2 = true;
+        }
+    }
     if (find_package(ctx, pkgname.c_str()))
         return UCI_ERR_DUPLICATE;
 
