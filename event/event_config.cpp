@@ -487,6 +487,11 @@ void event_settings_look(void) noexcept
     g_watch.poll();  // nothing to read before the first query has set up the watch
 }
 
+namespace {
+// Told after every reload of the lists' settings (the lists wake a producer they hold back).
+std::atomic<void (*)(void)> g_reload_hook{nullptr};
+}  // namespace
+
 void update_event_list_buf_timer(void) noexcept
 {
     for (int i = 0; i < NMS_EVENT_LIST_NUM; i++) {
@@ -530,6 +535,13 @@ void update_event_list_buf_timer(void) noexcept
             NMS_LOG_TRACE("event[%d] full handle%d.\n", i, v);
         }
     }
+    if (void (*hook)(void) = g_reload_hook.load(std::memory_order_acquire))
+        hook();
+}
+
+void event_config_on_list_reload(void (*hook)(void)) noexcept
+{
+    g_reload_hook.store(hook, std::memory_order_release);
 }
 
 int get_event_list_buf_time(int list) noexcept

@@ -21,6 +21,8 @@ extern "C" {
 // Reloads buffer time, threshold and full-buffer policy of lists 0..7,
 // using 600 s, 50 nodes and policy 2 for whatever cannot be read.
 void update_event_list_buf_timer(void) noexcept;
+// hook is called after every such reload, on the reloading thread.
+void event_config_on_list_reload(void (*hook)(void)) noexcept;
 
 // Seconds a non-empty list may wait; 600 for a list out of range or a stored
 // value below 1.

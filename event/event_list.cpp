@@ -5,8 +5,10 @@
 
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 #include "event_config.h"
 #include "event_msg.h"
@@ -23,8 +25,32 @@ namespace {
 nms_event_list g_lists[NMS_EVENT_LIST_NUM];
 
 constexpr int kPolicyBlock = 2;  // full-buffer policy that blocks the producer
-constexpr useconds_t kFullWaitUs = 100;
-constexpr unsigned kLookEveryWaits = 100;  // about every 10 ms of waiting
+
+// Where a producer held back by a full list under policy 2 sleeps until room may have been
+// made: whatever deletes nodes from the list, or reloads the lists' settings, wakes it. It
+// sleeps without a timeout, so a list that stays full through an outage costs no wake-ups.
+// Lock order: a list lock may be held while taking its room lock, never the reverse; the
+// waiter reads the list's count (an atomic) under the room lock alone.
+struct RoomWait {
+    std::mutex mu;
+    std::condition_variable cv;
+    std::atomic<int32_t> waiting{0};  // producers asleep here (0 or 1: one worker per list)
+};
+// Never destroyed: a worker may still be asleep here while the process exits, and destroying
+// a condition variable with a waiter blocks the exit for good.
+RoomWait &room(int list) {
+    static RoomWait *rooms = new RoomWait[NMS_EVENT_LIST_NUM];
+    return rooms[list];
+}
+
+// A producer asleep on this list re-checks whether it may go on. Taking the room lock orders
+// this after the count the caller changed: a waiter that saw the list full is either asleep
+// already (and woken) or sees the new count when it checks.
+void room_changed(int list) {
+    RoomWait &r = room(list);
+    { std::lock_guard<std::mutex> hold(r.mu); }
+    r.cv.notify_all();
+}
 
 bool list_valid(int list) { return list >= 0 && list < NMS_EVENT_LIST_NUM; }
 bool slot_valid(int slot) { return slot >= 0 && slot < NMS_EVENT_LIST_SLOTS; }
@@ -96,6 +122,8 @@ void nms_event_mutex_give(uac_mutex_t *m) noexcept {
 }
 
 extern "C" int init_event_node_list(void) noexcept {
+    // A producer held back by a full list sees a policy switched to replace-oldest.
+    event_config_on_list_reload(event_list_settings_changed);
     for (int i = 0; i < NMS_EVENT_LIST_NUM; i++) {
         nms_event_list &l = g_lists[i];
         // A second call (tests) starts from empty lists again and keeps the lock.
@@ -184,7 +212,10 @@ extern "C" int delete_node_from_list(int list, int slot) noexcept {
         return -1;
     }
     NmsEventHold hold(g_lists[list].lock);
-    return _delete_node_from_list_force(list, slot);
+    int ret = _delete_node_from_list_force(list, slot);
+    hold.release();
+    room_changed(list);
+    return ret;
 }
 
 extern "C" int insert_node_to_list(int list, const nms_event_info *info, int replace) noexcept {
@@ -246,17 +277,30 @@ extern "C" int insert_node_to_list(int list, const nms_event_info *info, int rep
 
 extern "C" int insert_node_to_list_by_policy(int list, const nms_event_info *info) noexcept {
     // Policy 2 holds the producer back instead of dropping anything: its queue then backs up,
-    // which the report code sees.
-    if (get_event_list_full_processing(list) == kPolicyBlock) {
-        // While held here the worker drains nothing: look at the queue again now and then, so
-        // that a failing batch sees the backlog as it is now and can make room.
-        for (unsigned waits = 0; is_list_full(list) == 0; waits++) {
-            if (waits % kLookEveryWaits == 0)
-                nms_event_msg_look(list);
-            usleep(kFullWaitUs);
-        }
+    // which the report code sees (it looks at the queue itself while the producer waits here).
+    if (list_valid(list) && get_event_list_full_processing(list) == kPolicyBlock &&
+        is_list_full(list) == 0) {
+        RoomWait &r = room(list);
+        std::unique_lock<std::mutex> hold(r.mu);
+        r.waiting.store(1, std::memory_order_relaxed);
+        // Woken when nodes are deleted or the settings are reloaded; a policy changed to
+        // replace-oldest lets the event in at once.
+        while (is_list_full(list) == 0 && get_event_list_full_processing(list) == kPolicyBlock)
+            r.cv.wait(hold);
+        r.waiting.store(0, std::memory_order_relaxed);
     }
     return insert_node_to_list(list, info, 1);
+}
+
+extern "C" int is_list_producer_waiting(int list) noexcept {
+    if (!list_valid(list))
+        return -1;
+    return room(list).waiting.load(std::memory_order_relaxed) != 0 ? 0 : -1;
+}
+
+extern "C" void event_list_settings_changed(void) noexcept {
+    for (int list = 0; list < NMS_EVENT_LIST_NUM; list++)
+        room_changed(list);
 }
 
 extern "C" nms_event_node *get_list_node(int list, int node_id, int ori_node_id) noexcept {
@@ -315,6 +359,9 @@ extern "C" int delete_node_arr_from_list_force(int list, int n, const int *node_
         *deleted = freed;
         NMS_LOG_TRACE("had delete cnt:%d", freed);
     }
+    hold.release();
+    if (freed > 0)
+        room_changed(list);
     return found ? 0 : -1;
 }
 
@@ -354,6 +401,9 @@ extern "C" int multil_call_delete_sent_node_arr(int list, int n, const int *node
         *deleted = freed;
         NMS_LOG_TRACE("had delete cnt:%d", freed);
     }
+    hold.release();
+    if (freed > 0)
+        room_changed(list);
     return found ? 0 : -1;
 }
 
@@ -382,7 +432,10 @@ extern "C" int clean_one_list(int bits) noexcept {
                 NMS_LOG_DEBUG("delete list_id:%d node_arr[%d]!!!\n", list, pos);
             }
         }
-        if (!any)
+        hold.release();
+        if (any)
+            room_changed(list);
+        else
             every_list = false;
     }
     return every_list ? 0 : -1;

@@ -79,6 +79,11 @@ int is_list_not_empty(int list) noexcept;
 int trigger_logic_full_threshold(int list) noexcept;
 int is_list_can_report(int list) noexcept;
 int is_list_full(int list) noexcept;
+// 0 while the list's producer is held back by a full list under policy 2, else -1.
+int is_list_producer_waiting(int list) noexcept;
+// The lists' settings were reloaded: a producer held back re-checks the policy. Called by the
+// settings after each reload once init_event_node_list has run.
+void event_list_settings_changed(void) noexcept;
 void print_list_node(void) noexcept;
 void print_list_count(void) noexcept;
 

@@ -19,7 +19,10 @@ std::atomic<int32_t> event_stats_print_on{0};
 namespace {
 
 constexpr int kLists = 8;
+// A queue that keeps failing (removed, no permission) is tried again after 1 ms, then after
+// twice as long each time up to 1 s, and at once again after a success.
 constexpr useconds_t kRetryUs = 1000;
+constexpr useconds_t kRetryMaxUs = 1000 * 1000;
 constexpr int kStatsEvery = 10000;
 constexpr size_t kLongestText = 8192;  // msgmax of a default kernel
 
@@ -87,13 +90,18 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
     event_settings_loop_polls();
     nms_event_msg &frame = g_frame[list];
     int max_len = 0;
+    useconds_t retry_us = kRetryUs;
+    auto pause_after_failure = [&retry_us] {
+        usleep(retry_us);
+        retry_us = retry_us < kRetryMaxUs / 2 ? retry_us * 2 : kRetryMaxUs;
+    };
     for (;;) {
         std::memset(&frame, 0, sizeof(frame));
         int id = gNmsEventMsgId[list].load(std::memory_order_relaxed);
         msqid_ds state{};
         if (msgctl(id, IPC_STAT, &state) != 0) {
             NMS_LOG_ERROR("Get msgctl failed.[%d][%d]", id, errno);
-            usleep(kRetryUs);
+            pause_after_failure();
             continue;
         }
         int batch = state.msg_qnum > 0 ? static_cast<int>(state.msg_qnum) : 1;
@@ -132,9 +140,10 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
                 NMS_LOG_ERROR("msgrcv failed.[%d]-[%d][%d][%d][%d][%d][%d][%d][%d]\r\n", errno,
                               E2BIG, EACCES, EAGAIN, EFAULT, EIDRM, EINTR, EINVAL, ENOMSG);
                 // A queue that keeps failing (removed, no permission) must not cost a core.
-                usleep(kRetryUs);
+                pause_after_failure();
                 continue;
             }
+            retry_us = kRetryUs;
             // Waited for on an empty queue: it was sent after the round's look.
             if (was_empty)
                 event_settings_look();

@@ -36,8 +36,6 @@ std::atomic<uint32_t> event_list_report_time[NMS_EVENT_LIST_NUM];
 namespace {
 
 constexpr useconds_t kShortLinkPauseUs = 5 * 1000 * 1000;
-// The batch thread serves requests when woken and at the latest every 500 ms.
-constexpr uint32_t kBatchLookMs = 500;
 constexpr const char *kShortLinkFlag = "/tmp/tmp_nms_event_test_short_link";
 constexpr const char *kShortLinkContent = "/tmp/tmp_nms_event_test_short_link_content";
 constexpr int kSampleEvents = 40;
@@ -152,6 +150,15 @@ std::string sample_report() {
 void nms_event_request_report(int32_t type, int32_t list) noexcept {
     multil_call_cb_begin[type][list].fetch_add(1, std::memory_order_relaxed);
     wake_batch_thread();
+}
+
+void nms_event_report_look(void) noexcept {
+    for (const auto &pending : multil_call_cb_begin[0]) {
+        if (pending.load(std::memory_order_relaxed) > 0) {
+            wake_batch_thread();
+            return;
+        }
+    }
 }
 
 extern "C" int init_nms_event_report(int mode, void *arg) noexcept {
@@ -394,7 +401,10 @@ extern "C" int multil_call_nms_event_report_handle(uint32_t list,
         return 0;
     }
     // A failed batch stays for the next attempt, unless producers are backing up behind the
-    // list: then it makes room.
+    // list: then it makes room. While the list's worker is held back by the full list it
+    // counts nothing, so the queue is looked at here to see the backlog as it is now.
+    if (is_list_producer_waiting(l) == 0)
+        nms_event_msg_look(l);
     if (is_msg_list_is_full(l) == 0) {
         multil_call_remove_report_node_id(l, 1, t->src_mask);
         NMS_LOG_TRACE("list:%d report failed, and delete cnt:%d\r\n", list, added_total);
@@ -419,7 +429,8 @@ extern "C" void *multil_call_report_thread(void *arg) noexcept {
                 multil_call_cb_begin[type][list].store(0, std::memory_order_relaxed);
             }
         }
-        uac_sem_take(&g_batch_wake, kBatchLookMs);
+        // Woken by each request; requests written without one are passed on by the scan.
+        uac_sem_take(&g_batch_wake, UAC_WAIT_FOREVER);
     }
     return nullptr;
 }

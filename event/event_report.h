@@ -72,5 +72,8 @@ void nms_event_debug_help(void) noexcept;
 }  // extern "C"
 
 // Adds one report request for type and list without checks and wakes the batch thread (the
-// report threads' path; the batch thread still looks every 500 ms on its own).
+// report threads' path).
 void nms_event_request_report(int32_t type, int32_t list) noexcept;
+// Wakes the batch thread when a request is pending that was written without waking it (the
+// debug shell writes the counters themselves); the scan calls it every second.
+void nms_event_report_look(void) noexcept;

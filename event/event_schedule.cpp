@@ -21,11 +21,10 @@ namespace {
 
 constexpr uint32_t kNoTimer = 0xFFFFFFFFu;
 constexpr uint32_t kScanSec = 1;
-// A report thread looks at its flag when the scan posts its semaphore, and at the latest after
-// this long (a flag written by other means, e.g. from the debug shell, is still seen). Waking on
-// the post instead of polling every millisecond keeps an idle daemon off the processor; the
-// flag semantics are unchanged.
-constexpr uint32_t kFlagLookMs = 1000;
+// A report thread sleeps until its flag is raised through set_event_list_report_flag, which
+// posts its semaphore. A flag written by other means (the debug shell writes the variable
+// itself) is seen by the next scan, which posts for every flag still up. So an idle daemon's
+// report threads never wake, and the flag semantics are unchanged.
 
 int32_t g_thread_arg[NMS_EVENT_LIST_NUM];
 sem_t g_wake[NMS_EVENT_LIST_NUM];
@@ -114,6 +113,13 @@ extern "C" int nms_event_stop_scan(void) noexcept {
 extern "C" void nms_event_scan_cb(void *) noexcept {
     nms_event_scan_timer_id.store(kNoTimer, std::memory_order_relaxed);
 
+    // Flags and report requests written without a wake-up (from the debug shell) are served now.
+    pthread_once(&g_wake_once, init_wake);
+    for (int i = 0; i < NMS_EVENT_LIST_NUM; i++)
+        if (event_list_report_flag[i].load(std::memory_order_relaxed) != 0)
+            sem_post(&g_wake[i]);
+    nms_event_report_look();
+
     // Lists at their threshold under policy 2, the highest first.
     int k = -1;
     for (int i = NMS_EVENT_LIST_NUM - 1; i >= 0; i--) {
@@ -162,7 +168,7 @@ extern "C" void *_nms_event_report_handle(void *arg) noexcept {
             nms_event_request_report(0, i);
             event_list_report_flag[i].store(0, std::memory_order_relaxed);
         }
-        uac_sem_take(&g_wake[i], kFlagLookMs);
+        uac_sem_take(&g_wake[i], UAC_WAIT_FOREVER);
     }
     return nullptr;
 }

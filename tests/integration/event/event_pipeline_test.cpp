@@ -109,30 +109,76 @@ TEST_F(EventPipeline, PolicyTwoIsDueAtItsThresholdAndPolicyOneIsNot) {
     nms_event_stop_scan();
 }
 
-TEST_F(EventPipeline, PolicyTwoHoldsTheProducerWhileTheListIsFull) {
+// A producer held back by a full policy-2 list, on a thread of its own as the list's worker.
+class HeldProducer {
+public:
+    HeldProducer(int list, const char *params) : list_(list), params_(params) {
+        thread_ = std::thread([this] {
+            nms_event_info info = info_of(9, 1, params_);
+            insert_node_to_list_by_policy(list_, &info);
+            done_ = true;
+        });
+    }
+    ~HeldProducer() {
+        if (thread_.joinable())
+            thread_.join();
+    }
+    // Asleep on the full list, having replaced nothing.
+    bool held() {
+        return itest::wait_until([&] { return is_list_producer_waiting(list_) == 0; }, 5s) &&
+               !done_.load() && get_list_total_node(list_) == NMS_EVENT_LIST_SLOTS;
+    }
+    bool resumed() { return itest::wait_until([&] { return done_.load(); }, 5s); }
+
+private:
+    int list_;
+    const char *params_;
+    std::atomic<bool> done_{false};
+    std::thread thread_;
+};
+
+void fill_list(int list, int id) {
+    for (int i = get_list_total_node(list); i < NMS_EVENT_LIST_SLOTS; i++) {
+        nms_event_info info = info_of(id, 1000 + static_cast<uint64_t>(i), "{}");
+        ASSERT_EQ(insert_node_to_list(list, &info, 0), 0);
+    }
+}
+
+// The held producer sleeps until room is made, whoever makes it: a deletion, a clean, a
+// policy switched to replace-oldest. Nothing is replaced while it waits, nothing is lost.
+TEST_F(EventPipeline, PolicyTwoHoldsTheProducerUntilRoomIsMade) {
     write_list_settings({{4, 600, 50, 2}});
     enable_types({{9, 4}});
     set_report_online(1);
-    for (int i = 0; i < NMS_EVENT_LIST_SLOTS; i++) {
-        nms_event_info info = info_of(9, 1000 + static_cast<uint64_t>(i), "{}");
-        ASSERT_EQ(insert_node_to_list(4, &info, 0), 0);
+    fill_list(4, 9);
+    {
+        SCOPED_TRACE("a deleted node");
+        HeldProducer p(4, "{\"late\":1}");
+        ASSERT_TRUE(p.held());
+        int slot = 17;
+        ASSERT_EQ(delete_node_arr_from_list_force(4, 1, &slot, nullptr), 0);
+        ASSERT_TRUE(p.resumed());
+        EXPECT_EQ(get_list_total_node(4), NMS_EVENT_LIST_SLOTS);
+        NmsEventHold hold(gNmsEventNodeListLocker[4]);
+        EXPECT_STREQ(get_list_node(4, 16, -1)->params, "{\"late\":1}");
     }
-    std::atomic<bool> done{false};
-    std::thread producer([&] {
-        nms_event_info info = info_of(9, 1, "{\"late\":1}");
-        insert_node_to_list_by_policy(4, &info);
-        done = true;
-    });
-    std::this_thread::sleep_for(200ms);
-    EXPECT_FALSE(done.load());  // waits for room, replaces nothing
-    EXPECT_EQ(get_list_total_node(4), NMS_EVENT_LIST_SLOTS);
-    int slot = 17;
-    ASSERT_EQ(delete_node_arr_from_list_force(4, 1, &slot, nullptr), 0);
-    EXPECT_TRUE(itest::wait_until([&] { return done.load(); }, 5s));
-    producer.join();
-    EXPECT_EQ(get_list_total_node(4), NMS_EVENT_LIST_SLOTS);
-    NmsEventHold hold(gNmsEventNodeListLocker[4]);
-    EXPECT_STREQ(get_list_node(4, 16, -1)->params, "{\"late\":1}");
+    {
+        SCOPED_TRACE("clean_cache's clean");
+        HeldProducer p(4, "{\"late\":2}");
+        ASSERT_TRUE(p.held());
+        EXPECT_EQ(clean_one_list(1), -1);  // lists without nodes say so; list 4 is emptied
+        ASSERT_TRUE(p.resumed());
+        EXPECT_EQ(get_list_total_node(4), 1);
+    }
+    {
+        SCOPED_TRACE("the policy switched to replace-oldest");
+        fill_list(4, 9);
+        HeldProducer p(4, "{\"late\":3}");
+        ASSERT_TRUE(p.held());
+        write_list_settings({{4, 600, 50, 1}});
+        ASSERT_TRUE(p.resumed());
+        EXPECT_EQ(get_list_total_node(4), NMS_EVENT_LIST_SLOTS);  // the oldest gave way
+    }
 }
 
 // Sends n frames with raw msgsnd to list's queue.
@@ -144,6 +190,22 @@ void stuff_queue(int list, int n) {
     frame.id = 1;
     for (int i = 0; i < n; i++)
         ASSERT_EQ(msgsnd(qid, &frame, NMS_EVENT_MSG_TEXT_SIZE, IPC_NOWAIT), 0) << i;
+}
+
+// While the producer is held it counts nothing: a failed batch looks at the queue itself, and
+// a backed-up queue makes the batch give its events up, which lets the producer in.
+TEST_F(EventPipeline, FailedBatchSeesTheQueueBehindAHeldProducer) {
+    write_list_settings({{4, 600, 50, 2}});
+    enable_types({{9, 4}});
+    set_report_online(1);
+    fill_list(4, 9);
+    HeldProducer p(4, "{\"late\":1}");
+    ASSERT_TRUE(p.held());
+    stuff_queue(4, 5250);
+    cloud_.fail_next(4, 500);  // 1 + 3 attempts
+    EXPECT_EQ(multil_call_nms_event_report_handle(4, &nms_report_type_table[0]), -1);
+    ASSERT_TRUE(p.resumed());
+    EXPECT_LT(get_list_total_node(4), NMS_EVENT_LIST_SLOTS);
 }
 
 std::atomic<bool> g_hold_handler{true};
