@@ -1,6 +1,7 @@
 // Tests of the envelope's space accounting and the JSON utilities (no device identity needed).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -40,6 +41,24 @@ TEST(CloudFormat, EventsAreAppendedWhileTheirSpaceLasts) {
     ASSERT_EQ(format_event_report_tail(buf.data(), &remaining), 0);
     EXPECT_EQ(std::string(buf.data()), "H,\"eventList\":[" + one + two + "]}]}}");
     EXPECT_EQ(remaining, before + 251);
+}
+
+// The end of the text is remembered between events; a text started again in the same buffer,
+// shorter or longer than the last one, is measured instead.
+TEST(CloudFormat, ABufferUsedAgainIsMeasuredAgain) {
+    auto buf = report_buffer("H[");
+    int32_t remaining = 100000, added = -1;
+    for (int i = 0; i < 3; i++)
+        ASSERT_EQ(format_event_report_event(buf.data(), 1, 1, "{}", i == 0, &remaining, &added), 0);
+    const std::string ev = "{\"typeId\":\"1\",\"time\":\"1\",\"params\":{}}";
+    EXPECT_EQ(std::string(buf.data()), "H[" + ev + "," + ev + "," + ev);
+    const std::string longer = "a head longer than the three events[" + ev + ev + ev;
+    for (const std::string &start : {std::string("G["), longer}) {
+        std::fill(buf.begin(), buf.end(), '\0');
+        std::memcpy(buf.data(), start.data(), start.size());
+        ASSERT_EQ(format_event_report_event(buf.data(), 1, 1, "{}", 0, &remaining, &added), 0);
+        EXPECT_EQ(std::string(buf.data()), start + "," + ev);
+    }
 }
 
 TEST(CloudFormat, AnEventThatDoesNotFitEndsOrAbandonsTheBatch) {
