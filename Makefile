@@ -110,7 +110,8 @@ SOAK_SECONDS ?= 1200
 soak: build
 	scripts/soak $(SOAK_SECONDS)
 
-bench: deps
+bench:
+	@scripts/install-deps --bench
 	cmake -S . -B build-bench $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DNMS_BUILD_BENCH=ON
 	cmake --build build-bench -j$(JOBS)
 	cmake --install build-bench --prefix build-bench/stage/usr >/dev/null

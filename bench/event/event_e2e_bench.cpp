@@ -13,40 +13,17 @@
 // The binary re-executes itself inside scripts/sandbox (ubusd, cloudsim and devsim started
 // there) and starts the daemon itself, so that the settings are in place before it reads them
 // and its pid is known. A summary with every figure against its limit ends the output.
-#include <benchmark/benchmark.h>
-#include <httplib.h>
-#include <json-c/json.h>
+#include "bench_device.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/ipc.h>
 #include <sys/msg.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <cstddef>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <memory>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "event_list.h"
-#include "nms_event_send.h"
 #include "uac_mem.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+using namespace benchdev;
 
 // ---- what is measured and against what ----------------------------------------------------
 
@@ -71,10 +48,6 @@ double full_lists_floor_mib()
     return 8.0 * NMS_EVENT_LIST_SLOTS * static_cast<double>(per_event) / 1048576.0;
 }
 
-constexpr int kLists = NMS_EVENT_SEND_LISTS;
-constexpr int kListSlots = 6000;
-constexpr int kParamsMax = NMS_EVENT_SEND_PARAMS_MAX;  // 495: the frame keeps no more
-constexpr int kSmallParams = 32;
 constexpr int kIdleSeconds = 30;
 constexpr double kSettleSeconds = 6;      // start-up's own work is over by then
 constexpr int kIngestRounds = 10;         // alternating raw and ingest rounds
@@ -83,145 +56,8 @@ constexpr int kFirstIngestList = 3;       // lists 3..7: reported by time only, 
 constexpr int kLatencyRate = 200;         // events per second
 constexpr int kLatencySeconds = 10;
 constexpr int kFillChunk = 500;           // keeps the queue backlog far below 5249
-constexpr const char *kEventPath = "/nexo/devmsg/v1/reportDevEventMsg";
-constexpr const char *kCloudHost = "127.0.0.1";
-constexpr int kCloudPort = 8480;
 
-// The 520-byte frame a local service sends: type, event id, padding, time, params.
-struct Frame {
-    long mtype;
-    int32_t id;
-    int32_t reserved;
-    uint64_t time;
-    char params[496];
-};
-static_assert(sizeof(Frame) == 520, "the event frame is 520 bytes");
-static_assert(offsetof(Frame, id) == 8 && offsetof(Frame, time) == 16 &&
-                  offsetof(Frame, params) == 24,
-              "fields where the daemon reads them");
-constexpr size_t kFrameText = sizeof(Frame) - sizeof(long);  // 512 bytes travel
-
-// Event type id of list i: types 1..8 are configured with levels 0..7.
-int32_t type_of_list(int list) { return list + 1; }
-
-// ---- small helpers -----------------------------------------------------------------------
-
-int64_t mono_ns()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
-int64_t wall_ms() { return static_cast<int64_t>(nms_event_send_now_ms()); }
-
-int64_t self_cpu_ns()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-    return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
-struct Shell {
-    int status;
-    std::string out;
-};
-
-Shell sh(const std::string &cmd)
-{
-    Shell r{-1, {}};
-    FILE *p = popen(("( " + cmd + " ) 2>&1").c_str(), "r");
-    if (!p)
-        return r;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-        r.out.append(buf, n);
-    int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : 128;
-    return r;
-}
-
-void write_file(const std::string &path, const std::string &text)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-
-std::string read_file(const std::string &path)
-{
-    std::ifstream f(path, std::ios::binary);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
-
-// A JSON object text of exactly len characters (len >= 16), unique per seq.
-std::string params_text(uint64_t seq, int len)
-{
-    std::string head = "{\"seq\":" + std::to_string(seq) + ",\"pad\":\"";
-    std::string text = head + std::string(static_cast<size_t>(len) - head.size() - 2, 'x') + "\"}";
-    return text;
-}
-
-double percentile(std::vector<double> v, double p)
-{
-    if (v.empty())
-        return 0;
-    std::sort(v.begin(), v.end());
-    size_t i = static_cast<size_t>(p * static_cast<double>(v.size() - 1) + 0.5);
-    return v[std::min(i, v.size() - 1)];
-}
-
-double median(std::vector<double> v) { return percentile(std::move(v), 0.5); }
-
-// ---- queues ------------------------------------------------------------------------------
-
-int queue_of_list(int list)
-{
-    return msgget(NMS_EVENT_SEND_KEY_BASE + list, IPC_CREAT);
-}
-
-long queue_waiting(int qid)
-{
-    msqid_ds st{};
-    return msgctl(qid, IPC_STAT, &st) == 0 ? static_cast<long>(st.msg_qnum) : -1;
-}
-
-bool send_frames(int qid, Frame &f, int n)
-{
-    for (int i = 0; i < n; i++) {
-        f.time = static_cast<uint64_t>(wall_ms());
-        while (msgsnd(qid, &f, kFrameText, 0) != 0)
-            if (errno != EINTR)
-                return false;
-    }
-    return true;
-}
-
-// Polls the backlog until the queue is empty; the time it was seen empty, or -1.
-int64_t wait_queue_empty(int qid, std::chrono::milliseconds limit)
-{
-    int64_t end = mono_ns() + std::chrono::nanoseconds(limit).count();
-    for (;;) {
-        long n = queue_waiting(qid);
-        int64_t now = mono_ns();
-        if (n == 0)
-            return now;
-        if (n < 0 || now > end)
-            return -1;
-        usleep(20);
-    }
-}
-
-Frame make_frame(int list, int params_len)
-{
-    Frame f{};
-    f.mtype = 1;
-    f.id = type_of_list(list);
-    std::string p = params_text(0, params_len);
-    std::memcpy(f.params, p.data(), p.size());
-    return f;
-}
+// ---- the limit: raw queue throughput ------------------------------------------------------
 
 // The limit: a second process that only receives, on a private queue of the same size.
 class RawReceiver {
@@ -298,178 +134,7 @@ private:
     bool ok_ = false;
 };
 
-// ---- the daemon --------------------------------------------------------------------------
-
-class Daemon {
-public:
-    bool start()
-    {
-        std::string log = std::string(sandbox_dir()) + "/nms_report.log";
-        pid_ = fork();
-        if (pid_ == 0) {
-            int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            if (fd >= 0) {
-                dup2(fd, 1);
-                dup2(fd, 2);
-                close(fd);
-            }
-            execl("/usr/sbin/nms_report", "nms_report", static_cast<char *>(nullptr));
-            _exit(127);
-        }
-        started_ns_ = mono_ns();
-        for (int i = 0; i < 150; i++) {
-            if (sh("ubus list nms_report_cache").status == 0)
-                return clockid_ok();
-            std::this_thread::sleep_for(100ms);
-        }
-        return false;
-    }
-    pid_t pid() const { return pid_; }
-    double seconds_up() const { return static_cast<double>(mono_ns() - started_ns_) / 1e9; }
-
-    // utime + stime in clock ticks, process-wide, from /proc/<pid>/stat.
-    long stat_ticks() const
-    {
-        std::string s = read_file("/proc/" + std::to_string(pid_) + "/stat");
-        size_t close = s.rfind(')');
-        if (close == std::string::npos)
-            return -1;
-        std::istringstream in(s.substr(close + 2));
-        std::string field;
-        long utime = 0, stime = 0;
-        for (int i = 3; i <= 15 && in >> field; i++) {  // fields 14 and 15 of stat(5)
-            if (i == 14)
-                utime = std::atol(field.c_str());
-            if (i == 15)
-                stime = std::atol(field.c_str());
-        }
-        return utime + stime;
-    }
-    // The same in nanoseconds, through the process's CPU clock.
-    int64_t cpu_ns() const
-    {
-        timespec ts{};
-        if (clock_gettime(clock_, &ts) != 0)
-            return -1;
-        return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-    }
-    // A line of /proc/<pid>/status ("VmRSS", "VmHWM") in kB.
-    long status_kb(const char *key) const
-    {
-        std::istringstream in(read_file("/proc/" + std::to_string(pid_) + "/status"));
-        std::string line;
-        while (std::getline(in, line))
-            if (line.compare(0, std::strlen(key), key) == 0 && line[std::strlen(key)] == ':')
-                return std::atol(line.c_str() + std::strlen(key) + 1);
-        return -1;
-    }
-    bool alive() const { return kill(pid_, 0) == 0; }
-
-    // Nodes in a list, through the daemon's debug shell (only between measurements: the shell
-    // borrows the daemon's output for the call).
-    static int list_count(int list)
-    {
-        Shell r = sh("nms_dbg 'get_list_total_node(" + std::to_string(list) + ")'");
-        size_t at = r.out.find("return ");
-        return at == std::string::npos ? -1 : std::atoi(r.out.c_str() + at + 7);
-    }
-    static bool bus(const std::string &method, const std::string &args = "")
-    {
-        return sh("ubus call nms_report_cache " + method + (args.empty() ? "" : " '" + args + "'"))
-                   .status == 0;
-    }
-    static const char *sandbox_dir()
-    {
-        const char *d = getenv("NMS_SANDBOX_DIR");
-        return d ? d : "/run/sandbox";
-    }
-
-private:
-    bool clockid_ok() { return clock_getcpuclockid(pid_, &clock_) == 0; }
-
-    pid_t pid_ = -1;
-    clockid_t clock_ = CLOCK_MONOTONIC;
-    int64_t started_ns_ = 0;
-};
-
 Daemon gDaemon;
-
-// ---- the cloud's record ------------------------------------------------------------------
-
-struct Arrival {
-    int64_t time_ms;               // when cloudsim received the report
-    int status;
-    std::vector<int64_t> stamps;   // time stamps of its events, in order
-};
-
-struct JsonPut {
-    void operator()(json_object *o) const noexcept { json_object_put(o); }
-};
-using JsonPtr = std::unique_ptr<json_object, JsonPut>;
-
-class Cloud {
-public:
-    Cloud() : cli_(kCloudHost, kCloudPort) { cli_.set_read_timeout(30, 0); }
-
-    // Reports received since the last call (event path only).
-    bool poll(std::vector<Arrival> &out)
-    {
-        auto res = cli_.Get(("/api/reports?path=" + std::string(kEventPath) +
-                             "&since=" + std::to_string(seq_)).c_str());
-        if (!res || res->status != 200)
-            return false;
-        JsonPtr arr(json_tokener_parse(res->body.c_str()));
-        if (!arr || !json_object_is_type(arr.get(), json_type_array))
-            return false;
-        size_t n = json_object_array_length(arr.get());
-        for (size_t i = 0; i < n; i++) {
-            json_object *rec = json_object_array_get_idx(arr.get(), i);
-            json_object *v;
-            Arrival a{};
-            if (json_object_object_get_ex(rec, "seq", &v))
-                seq_ = std::max<uint64_t>(seq_, static_cast<uint64_t>(json_object_get_int64(v)));
-            if (json_object_object_get_ex(rec, "time_ms", &v))
-                a.time_ms = json_object_get_int64(v);
-            if (json_object_object_get_ex(rec, "status", &v))
-                a.status = json_object_get_int(v);
-            if (json_object_object_get_ex(rec, "body", &v))
-                a.stamps = event_stamps(json_object_get_string(v));
-            out.push_back(std::move(a));
-        }
-        return true;
-    }
-    // Skips everything received so far.
-    bool catch_up()
-    {
-        std::vector<Arrival> ignored;
-        return poll(ignored);
-    }
-    bool fault(const std::string &order)
-    {
-        auto res = cli_.Post("/api/faults", order, "application/json");
-        return res && res->status == 200;
-    }
-
-private:
-    // The time stamps of the events of one report body, as the envelope writes them.
-    static std::vector<int64_t> event_stamps(const char *body)
-    {
-        std::vector<int64_t> out;
-        const char *p = body ? std::strstr(body, "\"eventList\":[") : nullptr;
-        static const char kTime[] = "\"time\":\"";
-        while (p && (p = std::strstr(p, "{\"typeId\":")) != nullptr) {
-            const char *t = std::strstr(p, kTime);
-            if (!t)
-                break;
-            out.push_back(std::atoll(t + sizeof kTime - 1));
-            p = t;
-        }
-        return out;
-    }
-
-    httplib::Client cli_;
-    uint64_t seq_ = 0;
-};
 
 // ---- results of the run, printed at the end ----------------------------------------------
 
@@ -894,14 +559,6 @@ int run_in_sandbox(int argc, char **argv)
     return gDaemon.alive() ? 0 : 1;
 }
 
-bool is_listing(int argc, char **argv)
-{
-    for (int i = 1; i < argc; i++)
-        if (std::strncmp(argv[i], "--benchmark_list_tests", 22) == 0)
-            return true;
-    return false;
-}
-
 }  // namespace
 
 int main(int argc, char **argv)
@@ -913,26 +570,5 @@ int main(int argc, char **argv)
     }
     if (getenv("NMS_IN_SANDBOX"))
         return run_in_sandbox(argc, argv);
-    // Not yet on a private device: run this very binary again inside one, over this build's
-    // install tree, with the services the daemon talks to (the daemon is started by the run).
-    char self[4096];
-    ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) {
-        perror("readlink /proc/self/exe");
-        return 2;
-    }
-    self[n] = '\0';
-    std::string sandbox = NMS_SOURCE_DIR "/scripts/sandbox";
-    std::vector<char *> args;
-    args.push_back(const_cast<char *>(sandbox.c_str()));
-    args.push_back(self);
-    for (int i = 1; i < argc; i++)
-        args.push_back(argv[i]);
-    args.push_back(nullptr);
-    if (!getenv("NMS_STAGE"))
-        setenv("NMS_STAGE", NMS_BENCH_STAGE, 1);
-    setenv("NMS_SANDBOX_SERVICES", "ubusd cloudsim devsim", 1);
-    execv(sandbox.c_str(), args.data());
-    perror("exec scripts/sandbox");
-    return 2;
+    return exec_in_sandbox(argc, argv);
 }
