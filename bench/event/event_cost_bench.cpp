@@ -445,10 +445,14 @@ void print_summary()
     if (gR.idle_cpu_pct >= 0)
         printf("idle:    %.4f %% of a core, %.1f wake-ups/s\n", gR.idle_cpu_pct, gR.idle_wakeups);
     if (gR.outage_cpu_pct >= 0) {
-        double ratio = gR.outage_cpu_pct / gR.idle_cpu_pct;
-        printf("outage:  %.4f %% of a core, %.1f wake-ups/s; %.2fx idle, target <= %.1fx %s\n",
-               gR.outage_cpu_pct, gR.outage_wakeups, ratio, kOutageOverIdleMax,
-               ratio <= kOutageOverIdleMax ? ok : missed);
+        printf("outage:  %.4f %% of a core, %.1f wake-ups/s", gR.outage_cpu_pct,
+               gR.outage_wakeups);
+        if (gR.idle_cpu_pct > 0) {
+            double ratio = gR.outage_cpu_pct / gR.idle_cpu_pct;
+            printf("; %.2fx idle, target <= %.1fx %s", ratio, kOutageOverIdleMax,
+                   ratio <= kOutageOverIdleMax ? ok : missed);
+        }
+        printf("\n");
         printf("         after it: %d of %d events arrived, %d twice %s\n", gR.outage_arrived,
                gR.outage_sent, gR.outage_duplicates,
                gR.outage_arrived == gR.outage_sent && gR.outage_duplicates == 0 ? ok : missed);
