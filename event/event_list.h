@@ -81,6 +81,10 @@ int is_list_can_report(int list) noexcept;
 int is_list_full(int list) noexcept;
 // 0 while the list's producer is held back by a full list under policy 2, else -1.
 int is_list_producer_waiting(int list) noexcept;
+// Called by the one-second scan: once many events have been deleted, gives the memory they
+// held back to the system, as soon as deletions pause (a drained burst, a clean) and at most
+// every five scans while they go on.
+void event_list_settle_memory(void) noexcept;
 // The lists' settings were reloaded: a producer held back re-checks the policy. Called by the
 // settings after each reload once init_event_node_list has run.
 void event_list_settings_changed(void) noexcept;

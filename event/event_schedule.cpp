@@ -119,6 +119,7 @@ extern "C" void nms_event_scan_cb(void *) noexcept {
         if (event_list_report_flag[i].load(std::memory_order_relaxed) != 0)
             sem_post(&g_wake[i]);
     nms_event_report_look();
+    event_list_settle_memory();
 
     // Lists at their threshold under policy 2, the highest first.
     int k = -1;
