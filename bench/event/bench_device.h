@@ -410,4 +410,57 @@ inline int exec_in_sandbox(int argc, char **argv, const char *services = "ubusd 
     return 2;
 }
 
+// The event types of a bench device: types 1..8 enabled, type i + 1 on list i.
+inline void write_event_types()
+{
+    std::string types;
+    for (int i = 0; i < kLists; i++)
+        types += "\nconfig event '" + std::to_string(type_of_list(i)) + "'\n" +
+                 "\toption enable 'on'\n\toption level '" + std::to_string(i) + "'\n";
+    write_file("/etc/nms_report/event_params", types);
+}
+
+// What a benchmark binary does on its device, around the benchmarks themselves.
+struct DeviceRun {
+    const char *name;       // the binary's, for messages
+    double settle_seconds;  // after the start: the start-up's own work is over by then
+    void (*prepare)();      // before the daemon starts (its settings)
+    void (*summary)();      // after the benchmarks
+};
+
+// main() of a benchmark binary: outside the sandbox it runs itself again inside one; there it
+// starts the daemon, switches reporting on, lets the start-up settle, runs the benchmarks and
+// prints the summary. Exits 1 only when the daemon did not come up or died.
+inline int bench_main(int argc, char **argv, Daemon &daemon, const DeviceRun &run)
+{
+    if (is_listing(argc, argv)) {  // names only: no device needed
+        benchmark::Initialize(&argc, argv);
+        benchmark::RunSpecifiedBenchmarks();
+        return 0;
+    }
+    if (!getenv("NMS_IN_SANDBOX"))
+        return exec_in_sandbox(argc, argv);
+    run.prepare();
+    if (!daemon.start()) {
+        fprintf(stderr, "%s: the daemon did not come up; its log:\n%s\n", run.name,
+                read_file(std::string(Daemon::sandbox_dir()) + "/nms_report.log").c_str());
+        return 1;
+    }
+    if (!Daemon::bus("begin_report")) {
+        fprintf(stderr, "%s: begin_report failed\n", run.name);
+        return 1;
+    }
+    while (daemon.seconds_up() < run.settle_seconds)
+        std::this_thread::sleep_for(100ms);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    if (!daemon.alive())
+        fprintf(stderr, "%s: the daemon died during the run\n", run.name);
+    run.summary();
+    return daemon.alive() ? 0 : 1;
+}
+
 }  // namespace benchdev

@@ -63,11 +63,7 @@ void write_settings(bool keep_list7)
                  "\toption buffer_full_processing '" + (kept ? "1" : "2") + "'\n";
     }
     write_file("/etc/nms_report/event_report", lists);
-    std::string types;
-    for (int i = 0; i < kLists; i++)
-        types += "\nconfig event '" + std::to_string(type_of_list(i)) + "'\n" +
-                 "\toption enable 'on'\n\toption level '" + std::to_string(i) + "'\n";
-    write_file("/etc/nms_report/event_params", types);
+    write_event_types();
 }
 
 // Samples the anonymous memory every 100 ms while `busy` runs; returns the highest.
@@ -261,41 +257,11 @@ void print_summary()
     }
 }
 
-int run_in_sandbox(int argc, char **argv)
-{
-    write_settings(false);
-    if (!gDaemon.start()) {
-        fprintf(stderr, "event_memory_bench: the daemon did not come up; its log:\n%s\n",
-                read_file(std::string(Daemon::sandbox_dir()) + "/nms_report.log").c_str());
-        return 1;
-    }
-    if (!Daemon::bus("begin_report")) {
-        fprintf(stderr, "event_memory_bench: begin_report failed\n");
-        return 1;
-    }
-    while (gDaemon.seconds_up() < kSettleSeconds)
-        std::this_thread::sleep_for(100ms);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    if (!gDaemon.alive())
-        fprintf(stderr, "event_memory_bench: the daemon died during the run\n");
-    print_summary();
-    return gDaemon.alive() ? 0 : 1;
-}
-
 }  // namespace
 
 int main(int argc, char **argv)
 {
-    if (is_listing(argc, argv)) {
-        benchmark::Initialize(&argc, argv);
-        benchmark::RunSpecifiedBenchmarks();
-        return 0;
-    }
-    if (getenv("NMS_IN_SANDBOX"))
-        return run_in_sandbox(argc, argv);
-    return exec_in_sandbox(argc, argv);
+    const DeviceRun run{"event_memory_bench", kSettleSeconds, [] { write_settings(false); },
+                        print_summary};
+    return bench_main(argc, argv, gDaemon, run);
 }
