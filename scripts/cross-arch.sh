@@ -58,6 +58,13 @@ nms_cross_arch() {
         CROSS_QEMU=qemu-arm; CROSS_QEMU_CPU=cortex-a7; CROSS_CPU=arm
         CROSS_LDSO=/lib/ld-musl-armhf.so.1
         CROSS_DESC="32-bit little-endian, hard-float, musl" ;;
+    x86_64)
+        # Not a test target: musl on this host's own processor, run natively (no qemu), to
+        # measure what depends on the C library alone, such as its allocator.
+        CROSS_ZIG_TARGET=x86_64-linux-musl; CROSS_ZIG_CPU=x86_64
+        CROSS_QEMU=qemu-x86_64; CROSS_QEMU_CPU=max; CROSS_CPU=x86_64
+        CROSS_LDSO=/lib/ld-musl-x86_64.so.1
+        CROSS_DESC="64-bit little-endian, musl, native on an x86-64 host" ;;
     s390x)
         CROSS_LIBC=glibc; CROSS_DEB=s390x; CROSS_TRIPLET=s390x-linux-gnu
         CROSS_QEMU=qemu-s390x; CROSS_CPU=s390x

