@@ -27,6 +27,8 @@ constexpr const char *kConfDir = "/etc/nms_report";
 constexpr const char *kListPackage = "event_report";
 constexpr const char *kTypePackage = "event_params";
 constexpr const char *kStatsPackage = "stats_report";
+// Told after every reload of the lists' settings (the lists wake a producer they hold back).
+std::atomic<void (*)(void)> g_reload_hook{nullptr};
 // While this file exists every unconfigured event type counts as enabled.
 constexpr const char *kIgnoreEnableFile = "/tmp/tmp_nms_event_test_ignore_enable";
 
@@ -486,11 +488,6 @@ void event_settings_look(void) noexcept
 {
     g_watch.poll();  // nothing to read before the first query has set up the watch
 }
-
-namespace {
-// Told after every reload of the lists' settings (the lists wake a producer they hold back).
-std::atomic<void (*)(void)> g_reload_hook{nullptr};
-}  // namespace
 
 void update_event_list_buf_timer(void) noexcept
 {

@@ -82,6 +82,16 @@ inline int64_t self_cpu_ns()
     return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
 
+// Processor time of another process (all its threads), through its CPU clock
+// (clock_getcpuclockid); -1 when the clock cannot be read.
+inline int64_t process_cpu_ns(clockid_t clock)
+{
+    timespec ts{};
+    if (clock_gettime(clock, &ts) != 0)
+        return -1;
+    return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
 struct Shell {
     int status;
     std::string out;
@@ -231,13 +241,7 @@ public:
         return utime + stime;
     }
     // The same in nanoseconds, through the process's CPU clock.
-    int64_t cpu_ns() const
-    {
-        timespec ts{};
-        if (clock_gettime(clock_, &ts) != 0)
-            return -1;
-        return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-    }
+    int64_t cpu_ns() const { return process_cpu_ns(clock_); }
     // A line of /proc/<pid>/status ("VmRSS", "VmHWM") in kB.
     long status_kb(const char *key) const
     {

@@ -107,6 +107,30 @@ bool send_events(const std::vector<int> &lists, int64_t first, int n)
 
 int64_t g_next_stamp = 1000000;  // stamps of each phase follow those of the one before
 
+// One delivery run: n events sent by `send` (stamped first .. first + n - 1) until all have
+// arrived at cloudsim, once each. The processor time `cpu` read before and after, as seconds
+// per 100,000 events, or -1 when events were lost or duplicated.
+template <typename Cpu, typename Send>
+double cpu_per_100k(benchmark::State &state, int n, Cpu cpu, Send send)
+{
+    Cloud cloud;
+    if (!cloud.catch_up())
+        return -1;
+    const int64_t first = g_next_stamp;
+    g_next_stamp += n;
+    int64_t c0 = cpu();
+    int64_t w0 = mono_ns();
+    std::thread producer([&] { send(first, n); });
+    Tally t;
+    bool all = collect(cloud, first, n, t, 300s);
+    producer.join();
+    int64_t c1 = cpu();
+    if (!all || t.duplicates != 0)
+        return -1;
+    state.SetIterationTime(static_cast<double>(mono_ns() - w0) / 1e9);
+    return static_cast<double>(c1 - c0) / 1e9 * 100000.0 / n;
+}
+
 // ---- idle ----------------------------------------------------------------------------------
 
 void measure_quiet(double &cpu_pct, double &wakeups, int seconds)
@@ -188,28 +212,15 @@ void BM_DaemonPerEvent(benchmark::State &state)
     std::vector<int> targets;
     for (int l = 0; l < lists; l++)
         targets.push_back(l);
-    Cloud cloud;
-    if (!cloud.catch_up()) {
-        state.SkipWithError("cloudsim does not answer");
-        return;
-    }
     for (auto _ : state) {
-        const int64_t first = g_next_stamp;
-        g_next_stamp += n;
-        int64_t c0 = gDaemon.cpu_ns();
-        int64_t w0 = mono_ns();
-        std::thread producer([&] { send_events(targets, first, n); });
-        Tally t;
-        bool all = collect(cloud, first, n, t, 300s);
-        producer.join();
-        int64_t c1 = gDaemon.cpu_ns();
-        if (!all || t.duplicates != 0) {
-            state.SkipWithError("events lost or duplicated");
+        double per_100k = cpu_per_100k(
+            state, n, [] { return gDaemon.cpu_ns(); },
+            [&](int64_t first, int count) { send_events(targets, first, count); });
+        if (per_100k < 0) {
+            state.SkipWithError("events lost or duplicated, or cloudsim does not answer");
             return;
         }
-        double per_100k = static_cast<double>(c1 - c0) / 1e9 * 100000.0 / n;
         (lists == 1 ? gR.one_list : gR.eight_lists).push_back(per_100k);
-        state.SetIterationTime(static_cast<double>(mono_ns() - w0) / 1e9);
         state.counters["cpu_s_per_100k"] = per_100k;
     }
 }
@@ -296,13 +307,7 @@ public:
             pid_ = -1;
         }
     }
-    int64_t cpu_ns() const
-    {
-        timespec ts{};
-        if (clock_gettime(clock_, &ts) != 0)
-            return -1;
-        return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-    }
+    int64_t cpu_ns() const { return process_cpu_ns(clock_); }
     std::string log() const { return read_file(dir_ + "/syslog-ng.log"); }
 
     // The producer: one line of JSON an event, the params as a string the parser unpacks.
@@ -372,29 +377,16 @@ void BM_SyslogNgPerEvent(benchmark::State &state)
         state.SkipWithError("syslog-ng did not start");
         return;
     }
-    Cloud cloud;
-    if (!cloud.catch_up()) {
-        state.SkipWithError("cloudsim does not answer");
-        return;
-    }
     for (auto _ : state) {
-        const int64_t first = g_next_stamp;
-        g_next_stamp += kEightListEvents;
-        int64_t c0 = ng.cpu_ns();
-        int64_t w0 = mono_ns();
-        std::thread producer([&] { ng.send_events(first, kEightListEvents); });
-        Tally t;
-        bool all = collect(cloud, first, kEightListEvents, t, 300s);
-        producer.join();
-        int64_t c1 = ng.cpu_ns();
-        if (!all || t.duplicates != 0) {
+        double per_100k = cpu_per_100k(
+            state, kEightListEvents, [&] { return ng.cpu_ns(); },
+            [&](int64_t first, int count) { ng.send_events(first, count); });
+        if (per_100k < 0) {
             gR.syslog_ng_missing = "syslog-ng lost or duplicated events: " + ng.log();
-            state.SkipWithError("events lost or duplicated");
+            state.SkipWithError("events lost or duplicated, or cloudsim does not answer");
             return;
         }
-        double per_100k = static_cast<double>(c1 - c0) / 1e9 * 100000.0 / kEightListEvents;
         gR.syslog_ng.push_back(per_100k);
-        state.SetIterationTime(static_cast<double>(mono_ns() - w0) / 1e9);
         state.counters["cpu_s_per_100k"] = per_100k;
     }
 }
