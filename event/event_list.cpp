@@ -13,12 +13,14 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <new>
 
 #include "event_config.h"
 #include "event_msg.h"
 #include "event_report.h"
 #include "nms_log.h"
 #include "uac_mem.h"
+#include "victim_index.h"
 
 uac_mutex_t *gNmsEventNodeListLocker[NMS_EVENT_LIST_NUM];
 
@@ -27,6 +29,8 @@ namespace {
 // The store is allocated once for the life of the process: a burst of events costs one small
 // allocation per node and never a resize.
 nms_event_list g_lists[NMS_EVENT_LIST_NUM];
+// Per list, the index of replacement victims while the list has one (under the list's lock).
+nms_event_victim::Index *g_victims[NMS_EVENT_LIST_NUM];
 
 constexpr int kPolicyBlock = 2;  // full-buffer policy that blocks the producer
 
@@ -103,21 +107,32 @@ bool clear_bits_and_delete(int list, int slot, int bits) {
 // The victim of a replacing insertion: the qualifying node with the smallest time stamp, the
 // first of equals after cur_pos. A candidate stamped 0 is no candidate and gives way to the
 // next qualifying node. Returns its slot, or -1. Caller holds the lock.
+// A list that fills up under replace-oldest takes one victim an event for as long as the flood
+// lasts, so the first such choice builds the list's index and later ones ask it; the index
+// lives until the list is empty again.
 int find_oldest(int list, int replace) {
     nms_event_list &l = g_lists[list];
-    nms_event_node *victim = nullptr;
-    int slot = next_slot(l.cur_pos.load(std::memory_order_relaxed));
-    // 6001 looks: the first slot is seen twice.
-    for (int i = 0; i <= NMS_EVENT_LIST_SLOTS; i++, slot = next_slot(slot)) {
-        nms_event_node *node = l.slots[slot];
-        if (!node || (replace != 1 && node->mask != 0))
-            continue;
-        if (!victim || victim->time == 0 || node->time < victim->time)
-            victim = node;
+    int cur_pos = l.cur_pos.load(std::memory_order_relaxed);
+    if (replace != 1)
+        return nms_event_victim::by_walk(l.slots, cur_pos, replace);
+    if (!g_victims[list])
+        g_victims[list] = new (std::nothrow) nms_event_victim::Index(l.slots);
+    if (!g_victims[list])
+        return nms_event_victim::by_walk(l.slots, cur_pos, replace);
+    return g_victims[list]->choose(l.slots, cur_pos);
+}
+
+// Keeps the list's victim index, if it has one, in step with a slot just filled or emptied.
+void slot_changed(int list, int slot) {
+    nms_event_victim::Index *&index = g_victims[list];
+    if (!index)
+        return;
+    if (g_lists[list].count.load(std::memory_order_relaxed) == 0) {
+        delete index;
+        index = nullptr;
+        return;
     }
-    if (!victim || victim->time == 0)
-        return -1;
-    return static_cast<int>(victim->node_id);
+    index->changed(g_lists[list].slots, slot);
 }
 
 // First empty slot at or after cur_pos + 1, or -1. Caller holds the lock.
@@ -158,6 +173,8 @@ extern "C" int init_event_node_list(void) noexcept {
             node = nullptr;
         }
         l.count.store(0, std::memory_order_relaxed);
+        delete g_victims[i];
+        g_victims[i] = nullptr;
         l.cur_pos.store(-1, std::memory_order_relaxed);
         l.next_seq = 1;
         if (!l.lock)
@@ -225,6 +242,7 @@ extern "C" int _delete_node_from_list_force(int list, int slot) noexcept {
     NMS_LOG_DEBUG("delete %d list pos %d ", list, slot);
     int left = l.count.load(std::memory_order_relaxed) - 1;
     l.count.store(left, std::memory_order_relaxed);
+    slot_changed(list, slot);
     if (slot == l.cur_pos.load(std::memory_order_relaxed) && left == 0)
         l.cur_pos.store(-1, std::memory_order_relaxed);
     return 0;
@@ -291,6 +309,7 @@ extern "C" int insert_node_to_list(int list, const nms_event_info *info, int rep
     if (l.next_seq == 0)
         l.next_seq = 1;
     l.count.store(l.count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    slot_changed(list, slot);
     l.cur_pos.store(slot, std::memory_order_relaxed);
     NMS_LOG_DEBUG("insert %d list pos %d ", list, slot);
     NMS_LOG_DEBUG("insert success: id=%d  tiume=%llu  %p %s\r\n", node->id,

@@ -7,6 +7,7 @@
 #include "event_fixture.h"
 #include "event_msg.h"
 #include "event_schedule.h"
+#include "nms_log.h"
 #include "uac_thread.h"
 
 using namespace evtest;
@@ -191,6 +192,26 @@ TEST_F(Dispatch, AcceptsAnyParseableParamsAndRefusesTheRest) {
     accept_events = false;
     EXPECT_EQ(msg_handle_dispatch(&f, 5), 0);
     EXPECT_EQ(get_list_total_node(5), 0);
+}
+
+TEST_F(Dispatch, EveryHandledEventEndsWithTheReleaseTraceLine) {
+    nms_event_msg f = frame_with("{\"a\":1}");
+    int saved = log_trace_on.exchange(1);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(msg_handle_dispatch(&f, 4), 0);
+    accept_events = false;
+    EXPECT_EQ(msg_handle_dispatch(&f, 4), 0);  // refused by the list: released all the same
+    log_trace_on.store(0);
+    EXPECT_EQ(msg_handle_dispatch(&f, 4), 0);  // switch off: nothing
+    std::string out = testing::internal::GetCapturedStdout();
+    log_trace_on.store(saved);
+    size_t lines = 0;
+    for (size_t at = out.find("msg_handle_dispatch:"); at != std::string::npos;
+         at = out.find("msg_handle_dispatch:", at + 1)) {
+        EXPECT_NE(out.find("::free(0x", at), std::string::npos);
+        lines++;
+    }
+    EXPECT_EQ(lines, 2u) << out;
 }
 
 class Scan : public EventTest {

@@ -1,0 +1,96 @@
+// victim_index.cpp - the victim of a replacing insertion, by the walk and by a tree of folds.
+
+#include "victim_index.h"
+
+namespace nms_event_victim {
+
+namespace {
+
+// A fold of a run of slots in walk order, in 16 bits: the slot of the earliest smallest
+// nonzero stamp after the run's last node stamped 0 (kNone when there is none), and whether
+// the run holds a node stamped 0 at all.
+using Fold = uint16_t;
+constexpr Fold kNone = 0x1FFF;   // no slot: slots are below 6000 < 8191
+constexpr Fold kZero = 0x8000;
+constexpr Fold kEmpty = kNone;   // a run with no node: the fold's identity
+
+int next_slot(int slot) { return (slot + 1) % NMS_EVENT_LIST_SLOTS; }
+
+Fold leaf(nms_event_node *const *slots, int slot) {
+    if (slot >= NMS_EVENT_LIST_SLOTS || !slots[slot])
+        return kEmpty;
+    return slots[slot]->time == 0 ? (kZero | kNone) : static_cast<Fold>(slot);
+}
+
+// a, then b. A node stamped 0 in b cuts off a; otherwise the smaller stamp wins and on equal
+// stamps the earlier run (a).
+Fold combine(nms_event_node *const *slots, Fold a, Fold b) {
+    if (b & kZero)
+        return b;
+    Fold x = a & kNone, y = b & kNone;
+    Fold pick = x == kNone ? y : y == kNone ? x : slots[y]->time < slots[x]->time ? y : x;
+    return static_cast<Fold>((a & kZero) | pick);
+}
+
+}  // namespace
+
+int by_walk(nms_event_node *const *slots, int cur_pos, int replace) noexcept {
+    const nms_event_node *victim = nullptr;
+    int slot = next_slot(cur_pos);
+    // 6001 looks: the first slot is seen twice.
+    for (int i = 0; i <= NMS_EVENT_LIST_SLOTS; i++, slot = next_slot(slot)) {
+        const nms_event_node *node = slots[slot];
+        if (!node || (replace != 1 && node->mask != 0))
+            continue;
+        if (!victim || victim->time == 0 || node->time < victim->time)
+            victim = node;
+    }
+    if (!victim || victim->time == 0)
+        return -1;
+    return static_cast<int>(victim->node_id);
+}
+
+static_assert(NMS_EVENT_LIST_SLOTS <= Index::kLeaves && Index::kLeaves - 1 <= kNone,
+              "every slot is a leaf, and a slot number fits beside the zero flag");
+
+Index::Index(nms_event_node *const *slots) noexcept {
+    fold_[0] = kEmpty;
+    for (int k = kLeaves - 1; k >= 1; k--) {
+        Fold l = 2 * k >= kLeaves ? leaf(slots, 2 * k - kLeaves) : fold_[2 * k];
+        Fold r = 2 * k + 1 >= kLeaves ? leaf(slots, 2 * k + 1 - kLeaves) : fold_[2 * k + 1];
+        fold_[k] = combine(slots, l, r);
+    }
+}
+
+void Index::changed(nms_event_node *const *slots, int slot) noexcept {
+    if (slot < 0 || slot >= NMS_EVENT_LIST_SLOTS)
+        return;
+    int k = (slot + kLeaves) / 2;
+    // The lowest inner node has two leaves below it.
+    fold_[k] = combine(slots, leaf(slots, 2 * k - kLeaves), leaf(slots, 2 * k + 1 - kLeaves));
+    for (k /= 2; k >= 1; k /= 2)
+        fold_[k] = combine(slots, fold_[2 * k], fold_[2 * k + 1]);
+}
+
+int Index::choose(nms_event_node *const *slots, int cur_pos) const noexcept {
+    auto node = [&](int k) { return k >= kLeaves ? leaf(slots, k - kLeaves) : fold_[k]; };
+    // The fold of slots [lo, hi) in slot order.
+    auto range = [&](int lo, int hi) {
+        Fold left = kEmpty, right = kEmpty;
+        for (int l = lo + kLeaves, r = hi + kLeaves; l < r; l /= 2, r /= 2) {
+            if (l & 1)
+                left = combine(slots, left, node(l++));
+            if (r & 1)
+                right = combine(slots, node(--r), right);
+        }
+        return combine(slots, left, right);
+    };
+    const int first = next_slot(cur_pos);
+    // The walk: first .. 5999, 0 .. first - 1, then first once more.
+    Fold all = combine(slots, range(first, NMS_EVENT_LIST_SLOTS), range(0, first));
+    all = combine(slots, all, leaf(slots, first));
+    Fold victim = all & kNone;
+    return victim == kNone ? -1 : victim;
+}
+
+}  // namespace nms_event_victim
