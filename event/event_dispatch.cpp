@@ -107,12 +107,14 @@ extern "C" int msg_handle_dispatch(nms_event_msg *frame, int list) noexcept {
     // (so there is no allocation failure to report): the list copies what it keeps, and
     // nothing else sees the block. Its release is still traced, as the end of the event's way
     // through the worker that operators follow at the trace level.
+    // Only what is read of it is written: the fields and the params with their terminator.
     static thread_local nms_event_info block;
     nms_event_info *info = &block;
-    std::memset(info, 0, sizeof(*info));
     info->id = frame->id;
+    info->reserved = 0;
     info->time = frame->time;
     std::memcpy(info->params, params, len);
+    info->params[len] = '\0';
     NMS_LOG_DEBUG("list_id:%d msg_handle_dispatch====%d  %llu  %s\r\n", list, info->id,
                   static_cast<unsigned long long>(info->time), info->params);
     // Below the threshold nothing is ever replaced; at or above it the list's policy decides

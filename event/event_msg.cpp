@@ -114,7 +114,6 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
             usleep(kRetryUs);
         for (int index = 0; index < batch; index++) {
             NMS_LOG_DEBUG("index%d \r\n", index);
-            std::memset(&frame, 0, sizeof(frame));
             // Blocks on an empty queue: an idle list costs no processor time.
             // At most 512 bytes of text; on targets with 4-byte message types the frame holds
             // 508, and a longer text (a sender built with an 8-byte type) is refused below
@@ -144,11 +143,15 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
                 continue;
             }
             retry_us = kRetryUs;
+            // The frame as if zeroed before the receive: what the message did not fill is
+            // cleared now (nothing at all for a full-length message).
+            char *text_start = reinterpret_cast<char *>(&frame) + offsetof(nms_event_msg, id);
+            std::memset(text_start + got, 0, NMS_EVENT_MSG_TEXT_SIZE - static_cast<size_t>(got));
             // Waited for on an empty queue: it was sent after the round's look.
             if (was_empty)
                 event_settings_look();
             frame.params[sizeof(frame.params) - 1] = '\0';
-            const char *text = reinterpret_cast<const char *>(&frame) + offsetof(nms_event_msg, id);
+            const char *text = text_start;
             int len = static_cast<int>(strlen(text));
             if (len > max_len) {
                 max_len = len;
