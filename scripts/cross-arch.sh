@@ -65,6 +65,12 @@ nms_cross_arch() {
         CROSS_QEMU=qemu-x86_64; CROSS_QEMU_CPU=max; CROSS_CPU=x86_64
         CROSS_LDSO=/lib/ld-musl-x86_64.so.1
         CROSS_DESC="64-bit little-endian, musl, native on an x86-64 host" ;;
+    mipsel_glibc)
+        # Not a test target: little-endian MIPS with Debian's glibc and GNU's C++ runtime as a
+        # shared library, the build whose size embedded teams compare (bench/README.md).
+        CROSS_LIBC=glibc; CROSS_DEB=mipsel; CROSS_TRIPLET=mipsel-linux-gnu
+        CROSS_QEMU=qemu-mipsel; CROSS_CPU=mipsel
+        CROSS_DESC="32-bit little-endian, glibc" ;;
     s390x)
         CROSS_LIBC=glibc; CROSS_DEB=s390x; CROSS_TRIPLET=s390x-linux-gnu
         CROSS_QEMU=qemu-s390x; CROSS_CPU=s390x
