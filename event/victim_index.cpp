@@ -67,9 +67,18 @@ void Index::changed(nms_event_node *const *slots, int slot) noexcept {
         return;
     int k = (slot + kLeaves) / 2;
     // The lowest inner node has two leaves below it.
-    fold_[k] = combine(slots, leaf(slots, 2 * k - kLeaves), leaf(slots, 2 * k + 1 - kLeaves));
-    for (k /= 2; k >= 1; k /= 2)
-        fold_[k] = combine(slots, fold_[2 * k], fold_[2 * k + 1]);
+    Fold v = combine(slots, leaf(slots, 2 * k - kLeaves), leaf(slots, 2 * k + 1 - kLeaves));
+    for (;;) {
+        // A fold that came out as before, and names a slot other than this one (whose node
+        // and so whose stamp may be new), leaves every fold above it as it was.
+        if (v == fold_[k] && (v & kNone) != slot)
+            return;
+        fold_[k] = v;
+        if (k == 1)
+            return;
+        k /= 2;
+        v = combine(slots, fold_[2 * k], fold_[2 * k + 1]);
+    }
 }
 
 int Index::choose(nms_event_node *const *slots, int cur_pos) const noexcept {
