@@ -113,11 +113,10 @@ bool clear_bits_and_delete(int list, int slot, int bits) {
 int find_oldest(int list, int replace) {
     nms_event_list &l = g_lists[list];
     int cur_pos = l.cur_pos.load(std::memory_order_relaxed);
-    if (replace != 1)
-        return nms_event_victim::by_walk(l.slots, cur_pos, replace);
-    if (!g_victims[list])
+    if (replace == 1 && !g_victims[list])
         g_victims[list] = new (std::nothrow) nms_event_victim::Index(l.slots);
-    if (!g_victims[list])
+    // Other replace values, or no memory for the index: the walk.
+    if (replace != 1 || !g_victims[list])
         return nms_event_victim::by_walk(l.slots, cur_pos, replace);
     return g_victims[list]->choose(l.slots, cur_pos);
 }

@@ -424,6 +424,28 @@ inline void write_event_types()
     write_file("/etc/nms_report/event_params", types);
 }
 
+// A list's buffering settings on a bench device.
+struct ListSettings {
+    int buffer_time, buffer_size, policy;
+};
+
+// The settings of a bench device: each list's from settings_of(list), and the event types of
+// write_event_types.
+template <typename F>
+void write_device_settings(F settings_of)
+{
+    std::string lists;
+    for (int i = 0; i < kLists; i++) {
+        const ListSettings l = settings_of(i);
+        lists += "\nconfig event_queue 'event_queue_" + std::to_string(i) + "'\n" +
+                 "\toption buffer_time '" + std::to_string(l.buffer_time) + "'\n" +
+                 "\toption buffer_size '" + std::to_string(l.buffer_size) + "'\n" +
+                 "\toption buffer_full_processing '" + std::to_string(l.policy) + "'\n";
+    }
+    write_file("/etc/nms_report/event_report", lists);
+    write_event_types();
+}
+
 // What a benchmark binary does on its device, around the benchmarks themselves.
 struct DeviceRun {
     const char *name;       // the binary's, for messages

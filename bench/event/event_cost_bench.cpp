@@ -398,13 +398,7 @@ BENCHMARK(BM_SyslogNgPerEvent)->Iterations(kRuns)->UseManualTime()->Unit(benchma
 // list with events goes out at every scan; types 1..8 enabled, type i+1 on list i.
 void write_settings()
 {
-    std::string lists;
-    for (int i = 0; i < kLists; i++)
-        lists += "\nconfig event_queue 'event_queue_" + std::to_string(i) + "'\n" +
-                 "\toption buffer_time '1'\n\toption buffer_size '50'\n" +
-                 "\toption buffer_full_processing '2'\n";
-    write_file("/etc/nms_report/event_report", lists);
-    write_event_types();
+    write_device_settings([](int) { return ListSettings{1, 50, 2}; });
 }
 
 double mean(const std::vector<double> &v)

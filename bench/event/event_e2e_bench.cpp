@@ -516,16 +516,9 @@ BENCHMARK(BM_MemoryFull)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecon
 // not within the run. Types 1..8 enabled, type i+1 on list i.
 void write_settings()
 {
-    std::string lists;
-    for (int i = 0; i < kLists; i++) {
-        bool timed = i >= kFirstIngestList;
-        lists += "\nconfig event_queue 'event_queue_" + std::to_string(i) + "'\n" +
-                 "\toption buffer_time '" + (timed ? "3600" : "600") + "'\n" +
-                 "\toption buffer_size '" + (timed ? "600" : "50") + "'\n" +
-                 "\toption buffer_full_processing '" + (timed ? "1" : "2") + "'\n";
-    }
-    write_file("/etc/nms_report/event_report", lists);
-    write_event_types();
+    write_device_settings([](int list) {
+        return list >= kFirstIngestList ? ListSettings{3600, 600, 1} : ListSettings{600, 50, 2};
+    });
 }
 
 const char *verdict(bool ok) { return ok ? "ok" : "MISSED"; }

@@ -61,16 +61,10 @@ int64_t g_next_stamp = 1000000;
 // With keep_list7, list 7 under policy 1, threshold 600, 3600 s: never due in the run.
 void write_settings(bool keep_list7)
 {
-    std::string lists;
-    for (int i = 0; i < kLists; i++) {
-        bool kept = keep_list7 && i == kCleanList;
-        lists += "\nconfig event_queue 'event_queue_" + std::to_string(i) + "'\n" +
-                 "\toption buffer_time '" + (kept ? "3600" : "1") + "'\n" +
-                 "\toption buffer_size '" + (kept ? "600" : "50") + "'\n" +
-                 "\toption buffer_full_processing '" + (kept ? "1" : "2") + "'\n";
-    }
-    write_file("/etc/nms_report/event_report", lists);
-    write_event_types();
+    write_device_settings([keep_list7](int list) {
+        return keep_list7 && list == kCleanList ? ListSettings{3600, 600, 1}
+                                                : ListSettings{1, 50, 2};
+    });
 }
 
 // Samples the anonymous memory every 100 ms while `busy` runs; returns the highest.
