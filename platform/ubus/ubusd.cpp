@@ -14,6 +14,13 @@
 // open on its objects is answered with UBUS_STATUS_NO_DATA; when a caller goes
 // away its open calls are forgotten. The caller's own time-out ends a call
 // that never gets an answer.
+//
+// Access: root may do everything; other users only what the rule files of the ACL folder
+// (-A, /usr/share/acl.d by default) grant them, read at start and again on SIGHUP
+// (ubusd_acl.h). A lookup shows another user only the objects it may call a method of,
+// with only those methods; a call of any other method is refused with
+// UBUS_STATUS_PERMISSION_DENIED, a publication without a grant with
+// UBUS_STATUS_INVALID_ARGUMENT.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -40,9 +47,11 @@
 #include <unistd.h>
 
 #include <libubox/blob.h>
+#include <libubox/blobmsg.h>
 
 #include "ubus_common.h"
 #include "ubus_wire.h"
+#include "ubusd_acl.h"
 #include "ubusmsg.h"
 
 namespace {
@@ -55,6 +64,7 @@ constexpr uint64_t kListenTag = 0;  // epoll tags; client ids are >= UBUS_SYSTEM
 constexpr uint64_t kSignalTag = 1;
 
 bool gVerbose = false;
+std::string gAclDir = "/usr/share/acl.d";
 
 #define TRACE(...)                                                                    \
     do {                                                                              \
@@ -105,6 +115,7 @@ struct Client {
     size_t out_bytes = 0;
     bool dead = false;
     std::vector<uint32_t> objects;  // ids of the objects it published
+    ubusd_acl::Cred cred;
 };
 
 // An open call: who asked, with which seq, of which object.
@@ -129,6 +140,7 @@ private:
     void send_status(Client *c, const Header &h, int status, uint32_t objid = 0);
     blob_attr *start();
 
+    bool put_visible(Client *c, const Object *o);
     void do_lookup(Client *c, const Header &h, blob_attr **tb);
     void do_add_object(Client *c, const Header &h, blob_attr **tb);
     void do_remove_object(Client *c, const Header &h, blob_attr **tb);
@@ -146,6 +158,7 @@ private:
     std::map<CallKey, uint32_t> calls_;  // open call -> owner's client id
     std::vector<uint32_t> dead_;
     blob_buf b_ = {};
+    ubusd_acl::Rules acl_;
 };
 
 uint32_t Broker::new_id()
@@ -193,7 +206,7 @@ int Broker::run(const char *path)
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGHUP);  // no access lists to reload: ignored
+    sigaddset(&set, SIGHUP);  // reads the rule files again
     sigprocmask(SIG_BLOCK, &set, nullptr);
     sigfd_.reset(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
     epfd_.reset(epoll_create1(EPOLL_CLOEXEC));
@@ -203,6 +216,7 @@ int Broker::run(const char *path)
     }
     if (!listen_on(path))
         return 1;
+    acl_.load(gAclDir);
 
     epoll_event ev = {};
     ev.events = EPOLLIN;
@@ -230,6 +244,8 @@ int Broker::run(const char *path)
                 while (read(sigfd_.get(), &si, sizeof(si)) == sizeof(si)) {
                     if (si.ssi_signo != SIGHUP)
                         running = false;
+                    else
+                        acl_.load(gAclDir);
                 }
             } else {
                 auto it = clients_.find(static_cast<uint32_t>(tag));
@@ -260,6 +276,8 @@ void Broker::accept_clients()
         }
         auto c = std::make_unique<Client>();
         c->fd.reset(fd);
+        if (!ubusd_acl::peer_cred(fd, &c->cred))
+            continue;  // closed with c
         c->id = new_id();
         epoll_event ev = {};
         ev.events = EPOLLIN;
@@ -448,6 +466,36 @@ void Broker::handle(Client *c, const uint8_t *frame, size_t len)
     }
 }
 
+// Puts o's description into b_ with the methods c may call; false (nothing to send) when
+// it has methods and c may call none of them.
+bool Broker::put_visible(Client *c, const Object *o)
+{
+    start();
+    blob_put_string(&b_, UBUS_ATTR_OBJPATH, o->path.c_str());
+    blob_put_int32(&b_, UBUS_ATTR_OBJID, o->id);
+    blob_put_int32(&b_, UBUS_ATTR_OBJTYPE, o->type->id);
+    const auto &sig = o->type->signature;
+    if (c->cred.uid == 0) {
+        blob_put(&b_, UBUS_ATTR_SIGNATURE, sig.data(), static_cast<unsigned>(sig.size()));
+        return true;
+    }
+    void *nest = blob_nest_start(&b_, UBUS_ATTR_SIGNATURE);
+    size_t all = 0, shown = 0;
+    const auto *m = reinterpret_cast<const blob_attr *>(sig.data());
+    size_t rem = sig.size();
+    while (rem >= sizeof(blob_attr) && blob_pad_len(m) <= rem && blob_pad_len(m) >= sizeof(blob_attr)) {
+        all++;
+        if (acl_.allows(c->cred, o->path, blobmsg_name(m), ubusd_acl::Kind::Access)) {
+            blob_put_raw(&b_, m, blob_pad_len(m));
+            shown++;
+        }
+        rem -= blob_pad_len(m);
+        m = blob_next(m);
+    }
+    blob_nest_end(&b_, nest);
+    return shown > 0 || all == 0;
+}
+
 void Broker::do_lookup(Client *c, const Header &h, blob_attr **tb)
 {
     std::string want;
@@ -463,14 +511,10 @@ void Broker::do_lookup(Client *c, const Header &h, blob_attr **tb)
     for (; it != by_path_.end(); ++it) {
         if (prefix ? it->first.compare(0, want.size(), want) != 0 : it->first != want)
             break;
-        Object *o = it->second;
-        start();
-        blob_put_string(&b_, UBUS_ATTR_OBJPATH, o->path.c_str());
-        blob_put_int32(&b_, UBUS_ATTR_OBJID, o->id);
-        blob_put_int32(&b_, UBUS_ATTR_OBJTYPE, o->type->id);
-        blob_put(&b_, UBUS_ATTR_SIGNATURE, o->type->signature.data(),
-                 static_cast<unsigned>(o->type->signature.size()));
-        send(c, UBUS_MSG_DATA, h.seq, h.peer, b_.head);
+        // An object the client may not use is not sent, but it was found: the device's
+        // broker answers such a lookup with no object and success.
+        if (put_visible(c, it->second))
+            send(c, UBUS_MSG_DATA, h.seq, h.peer, b_.head);
         found = true;
         if (!prefix)
             break;
@@ -485,7 +529,7 @@ void Broker::do_add_object(Client *c, const Header &h, blob_attr **tb)
         return;
     }
     std::string path = blob_get_string(tb[UBUS_ATTR_OBJPATH]);
-    if (by_path_.count(path)) {
+    if (by_path_.count(path) || !acl_.allows(c->cred, path, nullptr, ubusd_acl::Kind::Publish)) {
         send_status(c, h, UBUS_STATUS_INVALID_ARGUMENT);
         return;
     }
@@ -592,6 +636,13 @@ void Broker::do_invoke(Client *c, const Header &h, blob_attr **tb)
         send_status(c, h, UBUS_STATUS_NOT_FOUND, objid);
         return;
     }
+    const char *method = blob_get_string(tb[UBUS_ATTR_METHOD]);
+    if (!acl_.allows(c->cred, it->second->path, method, ubusd_acl::Kind::Access)) {
+        TRACE("client %08x (uid %u) may not call %s.%s\n", c->id,
+              static_cast<unsigned>(c->cred.uid), it->second->path.c_str(), method);
+        send_status(c, h, UBUS_STATUS_PERMISSION_DENIED, objid);
+        return;
+    }
     Client *owner = it->second->owner;
     start();
     blob_put_int32(&b_, UBUS_ATTR_OBJID, objid);
@@ -689,7 +740,7 @@ void usage(const char *prog)
     fprintf(stderr,
             "Usage: %s [<options>]\n"
             "Options: \n"
-            "  -A <path>:\t\tSet the path to ACL files (accepted, not used)\n"
+            "  -A <path>:\t\tSet the path to ACL files\n"
             "  -s <socket>:\t\tSet the unix domain socket to listen on\n"
             "  -v:\t\t\tTrace every message on standard error\n"
             "\n",
@@ -719,6 +770,7 @@ int main(int argc, char **argv)
             path = optarg;
             break;
         case 'A':
+            gAclDir = optarg;
             break;
         case 'v':
             gVerbose = true;
