@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <fcntl.h>
+#include <syslog.h>
 #include <unistd.h>
 
 std::atomic<int> log_error_on{0};
@@ -23,6 +24,17 @@ void nms_log_print(const char *func, int line, const char *fmt, ...) noexcept
     va_end(ap);
 }
 
+void nms_log_alert(const char *func, int line, const char *fmt, ...) noexcept
+{
+    char text[512];
+    va_list ap;
+    va_start(ap, fmt);
+    vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    nms_log_print(func, line, "%s", text);
+    syslog(LOG_WARNING, "%s", text);
+}
+
 void set_debug_output(const char *path, int level) noexcept
 {
     if (!path)
@@ -32,7 +44,9 @@ void set_debug_output(const char *path, int level) noexcept
     // binds one over /dev/console), a re-open must not write over what is
     // already there from offset 0. O_CLOEXEC only concerns this temporary
     // descriptor; the duplicates on 1 and 2 are inheritable as usual.
-    int fd = open(path, O_WRONLY | O_APPEND | O_CLOEXEC);
+    // O_NOFOLLOW: a link put in place of a log file must not turn the daemon's output
+    // into a write to whatever file the link names.
+    int fd = open(path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW);
     if (fd > 0) {
         // What is still buffered belongs to the old destination.
         fflush(stdout);

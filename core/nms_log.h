@@ -32,6 +32,12 @@ void set_debug_output(const char *path, int level) noexcept;
 void nms_log_print(const char *func, int line, const char *fmt, ...) noexcept
     __attribute__((format(printf, 3, 4)));
 
+// A refusal that guards the device (a queue, file or socket somebody else made): written
+// as nms_log_print writes, whatever the switches say, and to the system log as a warning,
+// for an operator must see it and it happens only when something is wrong.
+void nms_log_alert(const char *func, int line, const char *fmt, ...) noexcept
+    __attribute__((format(printf, 3, 4)));
+
 }  // extern "C"
 
 static_assert(sizeof(std::atomic<int>) == sizeof(int) && std::atomic<int>::is_always_lock_free,
@@ -47,6 +53,8 @@ static_assert(sizeof(std::atomic<int>) == sizeof(int) && std::atomic<int>::is_al
 #define NMS_LOG_ERROR(fmt, ...) NMS_LOG_AT_(log_error_on, __LINE__, fmt, ##__VA_ARGS__)
 #define NMS_LOG_TRACE(fmt, ...) NMS_LOG_AT_(log_trace_on, __LINE__, fmt, ##__VA_ARGS__)
 #define NMS_LOG_DEBUG(fmt, ...) NMS_LOG_AT_(log_debug_on, __LINE__, fmt, ##__VA_ARGS__)
+
+#define NMS_LOG_ALWAYS(fmt, ...) nms_log_alert(__func__, __LINE__, fmt, ##__VA_ARGS__)
 
 // Message carrying a fixed line number, for messages whose printed line is part
 // of the daemon's documented output (support scripts match on it) and must not

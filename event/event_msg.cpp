@@ -44,6 +44,28 @@ extern "C" int32_t get_event_stats_print_on(void) noexcept {
     return event_stats_print_on.load(std::memory_order_relaxed);
 }
 
+namespace {
+
+// A queue is the daemon's when its user both owns and created it and nobody else may use
+// it. Anyone who owns or created a queue may read it, remove it or change its mode, so a
+// key some other user took first would hand that user the list's events (and let them
+// inject their own or cut the list off).
+bool queue_is_ours(const msqid_ds &state) {
+    const uid_t me = geteuid();
+    return state.msg_perm.uid == me && state.msg_perm.cuid == me &&
+           (state.msg_perm.mode & 077) == 0;
+}
+
+void say_not_ours(key_t key, int id, const msqid_ds &state) {
+    NMS_LOG_ALWAYS("event queue key[%d] msgid[%d]: owner %u, creator %u, mode %03o is not the "
+                   "daemon's own; removing it and creating it anew",
+                   static_cast<int>(key), id, static_cast<unsigned>(state.msg_perm.uid),
+                   static_cast<unsigned>(state.msg_perm.cuid),
+                   static_cast<unsigned>(state.msg_perm.mode & 0777));
+}
+
+}  // namespace
+
 extern "C" int init_nms_event_msg(int list) noexcept {
     if (!list_valid(list)) {
         NMS_LOG_DEBUG("invalid params!!!");
@@ -56,27 +78,57 @@ extern "C" int init_nms_event_msg(int list) noexcept {
         NMS_LOG_DEBUG("error:{%s}", strerror(errno));
         NMS_LOG_DEBUG("@@@@@@key[%d], msgid[%d]@@@@@@", key, probe);
     }
-    int id = msgget(key, IPC_CREAT);
-    if (id < 0) {
-        NMS_LOG_ERROR("msgget failed with error: %d\n", errno);
-        return -1;
+    // A queue left by an earlier run of the daemon is adopted with the events in it; one
+    // that somebody else made is removed first. It may be made again between the removal
+    // and the create, so the created queue is checked too, a few times at most.
+    for (int attempt = 0;; attempt++) {
+        int id = msgget(key, IPC_CREAT);
+        if (id < 0) {
+            NMS_LOG_ERROR("msgget failed with error: %d\n", errno);
+            return -1;
+        }
+        NMS_LOG_DEBUG("############key[%d], msgid[%d], error:{%s}################", key, id,
+                      strerror(errno));
+        msqid_ds state{};
+        if (msgctl(id, IPC_STAT, &state) != 0) {
+            NMS_LOG_ERROR("Get msgctl failed.[%d][%d]", id, errno);
+            return -1;
+        }
+        if (!queue_is_ours(state)) {
+            say_not_ours(key, id, state);
+            if (msgctl(id, IPC_RMID, nullptr) != 0 || attempt == 2) {
+                NMS_LOG_ALWAYS("event queue key[%d]: cannot take it back (%s); list %d takes "
+                               "no events", static_cast<int>(key),
+                               attempt == 2 ? "made again each time" : strerror(errno), list);
+                return -1;
+            }
+            continue;
+        }
+        state.msg_qbytes = NMS_EVENT_MSG_QBYTES;
+        if (msgctl(id, IPC_SET, &state) != 0) {
+            NMS_LOG_ERROR("msgget failed with error: %d\n", errno);
+            return -1;
+        }
+        gNmsEventMsgId[list].store(id, std::memory_order_relaxed);
+        NMS_LOG_DEBUG("init_nms_event_msg====end l_client_msgid%d", id);
+        return 0;
     }
-    NMS_LOG_DEBUG("############key[%d], msgid[%d], error:{%s}################", key, id,
-                  strerror(errno));
-    msqid_ds state{};
-    if (msgctl(id, IPC_STAT, &state) != 0) {
-        NMS_LOG_ERROR("Get msgctl failed.[%d][%d]", id, errno);
-        return -1;
-    }
-    state.msg_qbytes = NMS_EVENT_MSG_QBYTES;
-    if (msgctl(id, IPC_SET, &state) != 0) {
-        NMS_LOG_ERROR("msgget failed with error: %d\n", errno);
-        return -1;
-    }
-    gNmsEventMsgId[list].store(id, std::memory_order_relaxed);
-    NMS_LOG_DEBUG("init_nms_event_msg====end l_client_msgid%d", id);
-    return 0;
 }
+
+namespace {
+
+// The receive loop's queue id went away under it: the queue was removed. Made again,
+// unless another thread has done so already.
+void remake_queue(int list, int gone_id) {
+    if (gNmsEventMsgId[list].load(std::memory_order_relaxed) != gone_id)
+        return;
+    NMS_LOG_ALWAYS("event queue of list %d (msgid[%d]) was removed; creating it again", list,
+                   gone_id);
+    gNmsEventMsgId[list].store(-1, std::memory_order_relaxed);
+    init_nms_event_msg(list);
+}
+
+}  // namespace
 
 extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_msg_ready ready,
                                      int list) noexcept {
@@ -101,6 +153,10 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
         msqid_ds state{};
         if (msgctl(id, IPC_STAT, &state) != 0) {
             NMS_LOG_ERROR("Get msgctl failed.[%d][%d]", id, errno);
+            // Removed (or never made): senders would find no queue under the key, or one
+            // somebody else made. The list goes on with a queue of its own.
+            if (errno == EIDRM || errno == EINVAL)
+                remake_queue(list, id);
             pause_after_failure();
             continue;
         }
@@ -139,6 +195,8 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
                 NMS_LOG_ERROR("msgrcv failed.[%d]-[%d][%d][%d][%d][%d][%d][%d][%d]\r\n", errno,
                               E2BIG, EACCES, EAGAIN, EFAULT, EIDRM, EINTR, EINVAL, ENOMSG);
                 // A queue that keeps failing (removed, no permission) must not cost a core.
+                if (errno == EIDRM || errno == EINVAL)
+                    remake_queue(list, id);
                 pause_after_failure();
                 continue;
             }
