@@ -18,9 +18,12 @@
 #include "uac_lock.h"
 #include "uac_thread.h"
 #include "uac_timer.h"
+#include "uac_tmpfile.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <malloc.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -86,6 +89,39 @@ void run_ignoring_result(const char *cmd)
     (void)rc;
 }
 
+// The statistics registry lives in /tmp, where any user may make the folders first and
+// fill them with a registry of their own: commands the daemon would then run as its user.
+// Folders that are not the daemon's are removed before the folders are made, and looked
+// at again afterwards, in case somebody made them in between.
+// Whether both folders are the daemon's (or missing); those that were not are removed.
+bool claim_stats_conf_dirs()
+{
+    bool clean = true;
+    for (const char *dir : {"/tmp/nms_stats_report_cfg", "/tmp/nms_stats_report_cfg.uci"}) {
+        int rc = uac_tmp_dir_claim(dir);
+        if (rc == 1)
+            NMS_LOG_ALWAYS("%s was not the daemon's own folder (another user's, open to "
+                           "others, or not a folder); removed", dir);
+        else if (rc < 0)
+            NMS_LOG_ALWAYS("%s is not the daemon's own folder and cannot be removed: %s", dir,
+                           strerror(errno));
+        clean = clean && rc == 0;
+    }
+    return clean;
+}
+
+void make_stats_conf_dirs()
+{
+    claim_stats_conf_dirs();
+    run_ignoring_result(kMakeStatsConfDirs);
+    if (claim_stats_conf_dirs())
+        return;
+    run_ignoring_result(kMakeStatsConfDirs);
+    if (!claim_stats_conf_dirs())
+        NMS_LOG_ALWAYS("the statistics registry's folders keep being made by someone else; "
+                       "registrations are not kept");
+}
+
 // Registration thread: waits 2 s to give the cloud client (started by the
 // same init run) a chance to be on the bus, registers once and ends. There is
 // no retry: a client that is not there loses the registrations until the
@@ -137,7 +173,7 @@ int main()
         udbg_help_register("nms_event", "nms_event_debug_help()");
         set_debug_output("/dev/console", 10);
         run_ignoring_result(kMakeEventConfDirs);
-        run_ignoring_result(kMakeStatsConfDirs);
+        make_stats_conf_dirs();
         update_event_list_buf_timer();
     }
 

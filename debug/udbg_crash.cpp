@@ -21,6 +21,7 @@
 #include "uac_lock.h"
 #include "uac_mem.h"
 #include "uac_thread.h"
+#include "uac_tmpfile.h"
 #include "udbg.h"
 #include "udbg_exec.h"
 #include "udbg_symbols.h"
@@ -69,13 +70,15 @@ void thread_line()
 
 // Opens the trace file (created when missing) as standard output and error. The
 // file is made with open() rather than by running "touch": a crashed process should
-// not fork a shell. Appending keeps the reports of earlier signals.
+// not fork a shell. Appending keeps the reports of earlier signals. The file is in /tmp:
+// a link or another user's file under its name is removed and the file made anew, so a
+// crash never writes through somebody else's link.
 bool output_to_trace_file()
 {
     const char *path = udbg_get_paths().trace_file;
     if (!path[0])
         return false;
-    int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    int fd = uac_tmp_open_append(path, 1, nullptr);
     if (fd < 0)
         return false;
     dup2(fd, STDOUT_FILENO);

@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "uac_tmpfile.h"
 #include "udbg.h"
 #include "udbg_parser.h"
 
@@ -160,10 +161,25 @@ int udbg_redirect_output(const char *path, bool create) noexcept
 {
     // Appending: where the console is a plain file (a test bench, a log), re-opening it
     // must not write over what is already there.
-    int flags = O_WRONLY | O_APPEND | O_CLOEXEC | (create ? O_CREAT : 0);
-    int fd = open(path, flags, 0600);
-    if (fd < 0)
-        return -1;
+    int fd;
+    if (create) {
+        // The capture file lives in /tmp, where anybody may have put a link or a file of
+        // their own under its name first: only a file of the daemon's own is written to.
+        int replaced = 0;
+        fd = uac_tmp_open_append(path, 1, &replaced);
+        if (fd < 0) {
+            UDBG_ERR("Capture file %s cannot be made afresh (%s), output left as it is.\n", path,
+                     strerror(errno));
+            return -1;
+        }
+        if (replaced)
+            UDBG_ERR("Capture file %s was not the daemon's own (a link, or a file others may "
+                     "write), made anew.\n", path);
+    } else {
+        fd = open(path, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW);
+        if (fd < 0)
+            return -1;
+    }
     fflush(stdout);
     fflush(stderr);
     dup2(fd, STDOUT_FILENO);

@@ -9,11 +9,14 @@
 #include <memory>
 #include <mutex>
 
+#include <cerrno>
+
 #include <dlfcn.h>
 #include <link.h>
 #include <unistd.h>
 
 #include "proc_name.h"
+#include "uac_tmpfile.h"
 #include "udbg.h"
 
 namespace {
@@ -75,17 +78,60 @@ uintptr_t program_load_bias()
     return bias;
 }
 
+// The scratch file a shell command writes into: made afresh by the daemon before the
+// command runs, and read back through that descriptor only when the file at the path is
+// still the one made (see uac_tmpfile.h). Anybody may create names in /tmp; what such a
+// file holds would be taken for a function's address and called.
+class Scratch {
+public:
+    explicit Scratch(const char *path) : path_(path), fd_(uac_tmp_create(path))
+    {
+        if (fd_ < 0)
+            UDBG_ERR("Cannot make scratch file %s afresh (%s), lookup refused.\n", path,
+                     strerror(errno));
+    }
+    ~Scratch()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    Scratch(const Scratch &) = delete;
+    Scratch &operator=(const Scratch &) = delete;
+    bool made() const { return fd_ >= 0; }
+    // The file for reading from its start, or null (with one line) when it is not ours.
+    FILE *reopen()
+    {
+        if (!uac_tmp_is_ours(fd_, path_)) {
+            UDBG_ERR("Scratch file %s was changed by someone else, lookup refused.\n", path_);
+            return nullptr;
+        }
+        if (lseek(fd_, 0, SEEK_SET) != 0)
+            return nullptr;
+        FILE *f = fdopen(fd_, "r");
+        if (f)
+            fd_ = -1;  // the stream owns it now
+        return f;
+    }
+
+private:
+    const char *path_;
+    int fd_;
+};
+
 // Runs "cat <list> | grep -w <name> | awk '{print $<field>}' > <tmp>" and reads the
 // first line of the result: true with the line (newline cut) when the scratch file
 // could be read.
 bool symbol_field(const char *list, const char *name, int field, char *out, size_t size)
 {
+    Scratch scratch(g_paths.tmp_sym_file);
+    if (!scratch.made())
+        return false;
     char cmd[512];
     snprintf(cmd, sizeof cmd, "cat %s | grep -w %s | awk '{print $%d}' > %s", list, name, field,
              g_paths.tmp_sym_file);
     if (system(cmd) == -1)
         return false;
-    FilePtr f(fopen(g_paths.tmp_sym_file, "re"));
+    FilePtr f(scratch.reopen());
     if (!f) {
         UDBG_ERR("Open temp symbol failed.\n");
         return false;
@@ -174,6 +220,9 @@ void udbg_load_library_list() noexcept
     }
     if (!path_safe(g_paths.bin_file) || !path_safe(g_paths.so_file))
         return;
+    Scratch scratch(g_paths.so_file);
+    if (!scratch.made())
+        return;
     snprintf(cmd, sizeof cmd, "%s %s 2>/dev/null | awk '{print $1}' | grep / > %s", kLdd,
              g_paths.bin_file, g_paths.so_file);
     if (system(cmd) == -1)
@@ -183,7 +232,7 @@ void udbg_load_library_list() noexcept
     if (system(cmd) == -1)
         return;
 
-    FilePtr f(fopen(g_paths.so_file, "re"));
+    FilePtr f(scratch.reopen());
     if (!f) {
         UDBG_ERR("Open sofile failed.\n");
         return;
