@@ -94,7 +94,7 @@ nms_pkg_roots() {
     root=$dir/root-nms_report
     rm -rf "$root"
     install -d -m 0755 "$root/usr/sbin" "$root/usr/bin" "$root/usr/lib/lua/nms_report" \
-        "$root/etc/nms_report" "$root/etc/init.d" "$root/etc/config"
+        "$root/etc/nms_report" "$root/etc/init.d" "$root/etc/config" "$root/usr/share/acl.d"
     install -m 0755 "$inst/sbin/nms_report" "$root/usr/sbin/"
     install -m 0644 "$inst/sbin/nms_report_symbol_fun" "$inst/sbin/nms_report_symbol_obj" "$root/usr/sbin/"
     install -m 0755 "$inst/bin/nms_event_send" "$inst/bin/nms_dbg" "$root/usr/bin/"
@@ -105,6 +105,8 @@ nms_pkg_roots() {
     install -m 0644 "$inst"/share/nms_report/defaults/* "$root/etc/nms_report/"
     install -m 0755 "$here/packaging/openwrt/files/nms_report.init" "$root/etc/init.d/nms_report"
     install -m 0644 "$here/packaging/openwrt/files/nms_report.config" "$root/etc/config/nms_report"
+    install -m 0644 "$here/packaging/openwrt/files/nms_report_monitor.json.example" \
+        "$root/usr/share/acl.d/"
     # The symbol lists name addresses in the unstripped daemon; stripping keeps them valid.
     "$strip" --strip-unneeded "$root/usr/sbin/nms_report" "$root/usr/bin/nms_event_send" \
         "$root/usr/bin/nms_dbg" "$root/usr/lib/$lib"
