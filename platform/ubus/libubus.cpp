@@ -853,10 +853,10 @@ int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id) noe
     *id = 0;
     if (!path)
         return UBUS_STATUS_INVALID_ARGUMENT;
-    int ret = ubus_lookup(ctx, path, lookup_id_cb, id);
-    if (ret == 0 && !*id)
-        ret = UBUS_STATUS_NOT_FOUND;
-    return ret;
+    // The broker's status as it stands: for an object the caller may not use it answers
+    // with no object and success, and id stays 0, as with the device's library (a call on
+    // it then fails with UBUS_STATUS_NOT_FOUND).
+    return ubus_lookup(ctx, path, lookup_id_cb, id);
 }
 
 int ubus_add_object(struct ubus_context *ctx, struct ubus_object *obj) noexcept
