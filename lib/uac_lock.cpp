@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <stdarg.h>
+#include <time.h>
 
 #include <cstdio>
 #include <cstring>
@@ -28,6 +29,31 @@ void registry_init() {
     pthread_mutex_init(&g_registry_lock, &attr);
     pthread_mutexattr_destroy(&attr);
     uac_list_init(&g_registry);
+}
+
+// Timed waits. A deadline taken from the time of day moves with every step of the clock:
+// after NTP sets a wrong boot clock back by hours, each wait would last hours longer, and
+// after a step forward it would end at once, so a caller that waits in a loop would spin.
+// So the waits measure their limit on the monotonic clock, where the C library lets them:
+// conditions are made on it, and glibc (2.30 on) waits for mutexes and semaphores on it.
+// musl has no such calls; it turns the absolute time into a relative wait when the wait
+// starts, so the deadline is read from the realtime clock just before and a step during
+// the wait does not change its length there either. (uac_abstime_after_ms itself still
+// gives a time-of-day deadline, for callers who want one.)
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 30))
+#define UAC_CLOCKWAIT 1
+#else
+#define UAC_CLOCKWAIT 0
+#endif
+
+// Now on the given clock plus ms milliseconds.
+struct timespec deadline_after_ms(clockid_t clock, uint32_t ms) {
+    struct timespec ts;
+    clock_gettime(clock, &ts);
+    int64_t nsec = static_cast<int64_t>(ts.tv_nsec) + static_cast<int64_t>(ms % 1000u) * 1000000;
+    ts.tv_sec += static_cast<time_t>(ms / 1000u + nsec / 1000000000);
+    ts.tv_nsec = static_cast<long>(nsec % 1000000000);
+    return ts;
 }
 
 // Holder tag of the holder-tag guard, UAC_MUTEX_TAG_FREE when nobody holds it. Read and
@@ -147,9 +173,13 @@ int32_t uac_mutex_take(uac_mutex_t *m, uint32_t timeout_ms) noexcept {
     } else if (timeout_ms == UAC_NO_WAIT) {
         rc = pthread_mutex_trylock(&m->lock);
     } else {
-        struct timespec deadline;
-        uac_abstime_after_ms(&deadline, static_cast<int32_t>(timeout_ms));
+#if UAC_CLOCKWAIT
+        struct timespec deadline = deadline_after_ms(CLOCK_MONOTONIC, timeout_ms);
+        rc = pthread_mutex_clocklock(&m->lock, CLOCK_MONOTONIC, &deadline);
+#else
+        struct timespec deadline = deadline_after_ms(CLOCK_REALTIME, timeout_ms);
         rc = pthread_mutex_timedlock(&m->lock, &deadline);
+#endif
     }
     uac_thread_pend_mark(nullptr);
     if (rc != 0)
@@ -220,7 +250,12 @@ uac_cond_t *uac_cond_create(const char *name) noexcept {
     if (!c)
         return nullptr;
     c->name = copy_name(name);
-    if (!c->name || pthread_cond_init(&c->cond, nullptr) != 0) {
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    const int rc = c->name ? pthread_cond_init(&c->cond, &attr) : -1;
+    pthread_condattr_destroy(&attr);
+    if (rc != 0) {
         uac_free(c->name);
         uac_free(c);
         return nullptr;
@@ -259,8 +294,7 @@ int32_t uac_cond_wait(uac_cond_t *c, uac_mutex_t *m, uint32_t timeout_ms) noexce
     if (timeout_ms == UAC_WAIT_FOREVER) {
         rc = pthread_cond_wait(&c->cond, &m->lock);
     } else {
-        struct timespec deadline;
-        uac_abstime_after_ms(&deadline, static_cast<int32_t>(timeout_ms));
+        struct timespec deadline = deadline_after_ms(CLOCK_MONOTONIC, timeout_ms);
         rc = pthread_cond_timedwait(&c->cond, &m->lock, &deadline);
     }
     if (rc != 0) {
@@ -296,11 +330,17 @@ int32_t uac_sem_take(sem_t *sem, uint32_t timeout_ms) noexcept {
     } else if (timeout_ms == UAC_NO_WAIT) {
         rc = sem_trywait(sem);
     } else {
-        struct timespec deadline;
-        uac_abstime_after_ms(&deadline, static_cast<int32_t>(timeout_ms));
+#if UAC_CLOCKWAIT
+        struct timespec deadline = deadline_after_ms(CLOCK_MONOTONIC, timeout_ms);
+        do {
+            rc = sem_clockwait(sem, CLOCK_MONOTONIC, &deadline);
+        } while (rc != 0 && errno == EINTR);
+#else
+        struct timespec deadline = deadline_after_ms(CLOCK_REALTIME, timeout_ms);
         do {
             rc = sem_timedwait(sem, &deadline);
         } while (rc != 0 && errno == EINTR);
+#endif
     }
     return rc == 0 ? 0 : -1;
 }

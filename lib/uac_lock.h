@@ -15,7 +15,8 @@
 extern "C" {
 #endif
 
-// Timeouts are milliseconds: wait for ever, try once, or a limit on the wall clock.
+// Timeouts are milliseconds: wait for ever, try once, or a limit whose length a step of the
+// time of day does not change (see uac_lock.cpp).
 #define UAC_WAIT_FOREVER 0xFFFFFFFFu
 #define UAC_NO_WAIT 0u
 
