@@ -6,7 +6,9 @@
 //   DELETE /api/reports              forget records and counts
 //   GET  /api/stats                  counts per path, bytes
 //   GET|POST /api/faults             pending fault orders / add one ({"status":500,"count":3},
-//                                    {"hang_ms":12000}, {"drop":true}, {"clear":true})
+//                                    {"hang_ms":12000}, {"drop":true}, {"clear":true},
+//                                    {"hostile":"trickle"|"endless_headers"|"huge_body"|
+//                                    "reset_mid_body"|"redirect_loop"})
 //   GET|POST /api/device             the device's link state as the cloud sees it: POST
 //                                    {"status":"online"|"offline"} (devsim --tell); GET gives
 //                                    it with the time it changed and the time of the last report
@@ -25,6 +27,7 @@
 #include <atomic>
 #include <dirent.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -75,6 +78,11 @@ public:
             stopping_ = true;
         }
         cv_.notify_all();
+    }
+    bool stopping()
+    {
+        std::lock_guard<std::mutex> hold(mutex_);
+        return stopping_;
     }
 
 private:
@@ -183,15 +191,15 @@ bool parse_options(int argc, char **argv, Options &o)
     return true;
 }
 
-// cpp-httplib gives a handler no access to its connection. To answer "nothing at all", find
-// the socket whose peer is this request's client and shut it down; the server's reply then
-// fails and the client sees the connection close without a response. The handler's own
-// connection stays open (and its descriptor unreused) while the handler runs.
-void drop_connection(const httplib::Request &req, int port)
+// cpp-httplib gives a handler no access to its connection. To answer "nothing at all", or
+// to answer by hand, find the socket whose peer is this request's client. The handler's own
+// connection stays open (and its descriptor unreused) while the handler runs. -1 if not found.
+int connection_of(const httplib::Request &req, int port)
 {
     DIR *dir = opendir("/proc/self/fd");
     if (!dir)
-        return;
+        return -1;
+    int found = -1;
     while (dirent *d = readdir(dir)) {
         int fd = std::atoi(d->d_name);
         if (fd <= 2 || fd == dirfd(dir))
@@ -218,13 +226,80 @@ void drop_connection(const httplib::Request &req, int port)
             lport = ntohs(reinterpret_cast<sockaddr_in6 *>(&local)->sin6_port);
         }
         if (lport == port && pport == req.remote_port && req.remote_addr == host) {
-            linger lg{1, 0};  // reset rather than close politely: no response, no doubt
-            setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
-            shutdown(fd, SHUT_RDWR);
+            found = fd;
             break;
         }
     }
     closedir(dir);
+    return found;
+}
+
+// Ends the connection with a reset: the server's own reply then fails, and the client sees
+// the connection go without (the rest of) a response.
+void reset_connection(int fd)
+{
+    linger lg{1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &lg, sizeof lg);
+    shutdown(fd, SHUT_RDWR);
+}
+
+void drop_connection(const httplib::Request &req, int port)
+{
+    int fd = connection_of(req, port);
+    if (fd >= 0)
+        reset_connection(fd);
+}
+
+// Writes text on fd while the client takes it; false once it went away, stopped reading for
+// 5 s, or the server is stopping.
+bool put_raw(int fd, const std::string &text, Stopper &stopper)
+{
+    size_t done = 0;
+    while (done < text.size()) {
+        if (stopper.stopping())
+            return false;
+        ssize_t n = send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+            continue;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+            pollfd p = {fd, POLLOUT, 0};
+            if (poll(&p, 1, 5000) <= 0)
+                return false;
+            continue;
+        }
+        return false;
+    }
+    return true;
+}
+
+// The hostile answers written by hand (see report_store.h); the connection is reset after.
+void answer_hostile(const std::string &kind, int fd, Stopper &stopper)
+{
+    const std::string chunk(4096, 'x');
+    if (kind == "trickle") {
+        put_raw(fd, "HTTP/1.1 200 OK\r\n", stopper);
+        for (int i = 0; i < 60 && put_raw(fd, "X", stopper); i++)
+            stopper.wait(1000);
+    } else if (kind == "endless_headers") {
+        put_raw(fd, "HTTP/1.1 200 OK\r\n", stopper);
+        while (put_raw(fd, "X-Pad: " + chunk + "\r\n", stopper)) {
+        }
+    } else if (kind == "huge_body") {
+        const size_t total = 50u << 20;
+        put_raw(fd, "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
+                        std::to_string(total) + "\r\n\r\n",
+                stopper);
+        for (size_t n = 0; n < total && put_raw(fd, chunk, stopper); n += chunk.size()) {
+        }
+    } else if (kind == "reset_mid_body") {
+        put_raw(fd, "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: "
+                    "1000\r\n\r\n{\"errorCode\":0,\"pad\":\"" + chunk.substr(0, 200),
+                stopper);
+        stopper.wait(100);
+    }
+    reset_connection(fd);
 }
 
 class CloudSim {
@@ -380,6 +455,18 @@ private:
         }
         if (a.hang_ms > 0)
             stopper_.wait(a.hang_ms);
+        if (a.hostile == "redirect_loop") {
+            r.status = 302;
+            r.set_header("Location", q.path);
+            return;
+        }
+        if (!a.hostile.empty()) {
+            int fd = connection_of(q, opt_.port);
+            if (fd >= 0)
+                answer_hostile(a.hostile, fd, stopper_);
+            r.status = 500;  // never reaches the client: its connection is gone
+            return;
+        }
         if (a.drop) {
             drop_connection(q, opt_.port);
             r.status = 500;  // never reaches the client: its connection is gone

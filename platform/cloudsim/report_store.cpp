@@ -90,6 +90,8 @@ json_object *order_object(const FaultOrder &f)
     add(o, "status", json_object_new_int(f.status));
     add(o, "hang_ms", json_object_new_int(f.hang_ms));
     add(o, "drop", json_object_new_boolean(f.drop));
+    if (!f.hostile.empty())
+        add(o, "hostile", json_object_new_string(f.hostile.c_str()));
     add(o, "count", json_object_new_int(f.count));
     return o;
 }
@@ -123,6 +125,9 @@ bool bool_member(json_object *v, const char *key, bool &out, std::string &error)
 
 }  // namespace
 
+const char *const kHostileKinds[] = {"trickle", "endless_headers", "huge_body", "reset_mid_body",
+                                     "redirect_loop", nullptr};
+
 bool parse_json_prefix(const std::string &text, std::string &trailing)
 {
     return parse_prefix(text, trailing) != nullptr;
@@ -151,6 +156,19 @@ bool parse_fault_order(const std::string &text, bool &clear, bool &has_order,
         } else if (std::strcmp(key, "drop") == 0) {
             ok = bool_member(value, key, f.drop, error);
             any = true;
+        } else if (std::strcmp(key, "hostile") == 0) {
+            ok = false;
+            const char *kind = json_object_is_type(value, json_type_string)
+                                   ? json_object_get_string(value)
+                                   : "";
+            for (const char *const *k = kHostileKinds; *k; k++)
+                ok = ok || std::strcmp(kind, *k) == 0;
+            if (ok)
+                f.hostile = kind;
+            else
+                error = "\"hostile\" is one of trickle, endless_headers, huge_body, "
+                        "reset_mid_body, redirect_loop";
+            any = true;
         } else if (std::strcmp(key, "count") == 0) {
             ok = int_member(value, key, 1, kMaxCount, f.count, error);
         } else if (std::strcmp(key, "clear") == 0) {
@@ -163,7 +181,8 @@ bool parse_fault_order(const std::string &text, bool &clear, bool &has_order,
             return false;
     }
     if (!any && !wants_clear) {
-        error = "a fault order needs \"status\", \"hang_ms\", \"drop\" or \"clear\"";
+        error = "a fault order needs \"status\", \"hang_ms\", \"drop\", \"hostile\" or "
+                "\"clear\"";
         return false;
     }
     clear = wants_clear;
@@ -191,11 +210,16 @@ Answer ReportStore::receive(const std::string &path, const std::string &content_
         a.status = f.status;
         a.hang_ms = f.hang_ms;
         a.drop = f.drop;
+        a.hostile = f.hostile;
         if (--f.count == 0)
             faults_.pop_front();
     }
     r.status = a.drop ? 0 : a.status;
-    r.fault = a.drop ? "drop" : a.status != 200 ? "status" : a.hang_ms > 0 ? "hang" : "";
+    r.fault = !a.hostile.empty() ? a.hostile
+              : a.drop           ? "drop"
+              : a.status != 200  ? "status"
+              : a.hang_ms > 0    ? "hang"
+                                 : "";
     r.seq = a.seq = next_seq_++;
 
     total_++;

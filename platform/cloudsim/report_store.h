@@ -28,10 +28,20 @@ struct Record {
 
 // How to treat the next `count` recorded POSTs. A hang comes first; then the connection is
 // dropped, or `status` is answered.
+// A hostile answer, written on the connection by hand: what a broken or malicious service
+// (or a middle box) does to a client.
+//   trickle          the status line, then one byte of header a second (60 s at most)
+//   endless_headers  header lines as fast as the client takes them, never a blank line
+//   huge_body        a 50 MB body
+//   reset_mid_body   half a body, then a reset
+//   redirect_loop    302 to the same path
+extern const char *const kHostileKinds[];  // null-terminated
+
 struct FaultOrder {
     int status = 200;
     int hang_ms = 0;
     bool drop = false;
+    std::string hostile;    // one of kHostileKinds, or empty
     int count = 1;          // POSTs still to be treated so
 };
 
@@ -41,10 +51,11 @@ struct Answer {
     int status = 200;
     int hang_ms = 0;
     bool drop = false;
+    std::string hostile;
 };
 
 // Parses a fault order text: {"status":500,"count":3}, {"hang_ms":12000}, {"drop":true},
-// {"clear":true} (which may be combined with a new order). On success fills `order` (unless
+// {"hostile":"trickle"}, {"clear":true} (which may be combined with a new order). On success fills `order` (unless
 // the text only clears) and `clear`, and returns true; otherwise `error` says what is wrong.
 bool parse_fault_order(const std::string &text, bool &clear, bool &has_order,
                        FaultOrder &order, std::string &error);

@@ -2,14 +2,15 @@
 //
 // The base URL is found on every send (environment, then UCI, then a loopback default), so a
 // test or the sandbox can point the library at its stand-in without restarting anything.
-// The POST goes through libcurl, or through cpp-httplib's client where the target has no
-// libcurl (NMS_INFO_REPORT_HTTPLIB: the OpenWrt targets' sysroots, which need no TLS to reach
-// the cloud stand-in).
+// The POST goes through libcurl, or through the small socket client of http_post.cpp where
+// the target has no libcurl (NMS_INFO_REPORT_SOCKET: the OpenWrt targets' sysroots, which need
+// no TLS to reach the cloud stand-in). Either way a send is bounded whatever the server does:
+// 3 s to connect, 10 s in all, 16 KiB of headers and 64 KiB of body read at most.
 
 #include "info_report.h"
 
-#ifdef NMS_INFO_REPORT_HTTPLIB
-#include <httplib.h>
+#ifdef NMS_INFO_REPORT_SOCKET
+#include "http_post.h"
 #else
 #include <curl/curl.h>
 #endif
@@ -36,6 +37,9 @@ constexpr char kUciLookup[] = "info_report.cloud.url";
 constexpr long kConnectTimeoutMs = 3000;
 constexpr long kTotalTimeoutMs = 10000;
 constexpr int kFirstBackoffMs = 200;
+// What is read of an answer at most: only its status matters.
+constexpr size_t kMaxHeaderBytes = 16384;
+constexpr size_t kMaxBodyBytes = 65536;
 
 // Printing of requests and outcomes; shared by every caller thread without a lock.
 std::atomic<int> g_debug_on{0};
@@ -45,7 +49,7 @@ struct UciFree {
 };
 using UciPtr = std::unique_ptr<uci_context, UciFree>;
 
-#ifndef NMS_INFO_REPORT_HTTPLIB
+#ifndef NMS_INFO_REPORT_SOCKET
 std::once_flag g_curl_once;
 
 struct CurlFree {
@@ -94,34 +98,41 @@ std::string join_url(std::string base, const char *path) {
     return base + path;
 }
 
-#ifdef NMS_INFO_REPORT_HTTPLIB
+#ifdef NMS_INFO_REPORT_SOCKET
 // One POST. Returns the HTTP status, or -1 with the reason in err when no response came back.
 long post_once(const std::string &url, const char *content, std::string &err) {
-    // "scheme://host[:port]" for the client, the rest is the request's path.
-    size_t scheme = url.find("://");
-    size_t path_at = scheme == std::string::npos ? std::string::npos : url.find('/', scheme + 3);
-    std::string origin = url.substr(0, path_at);
-    std::string path = path_at == std::string::npos ? "/" : url.substr(path_at);
-    httplib::Client cli(origin);
-    if (!cli.is_valid()) {
-        err = "unsupported URL " + origin;
-        return -1;
-    }
-    cli.set_connection_timeout(std::chrono::milliseconds(kConnectTimeoutMs));
-    cli.set_read_timeout(std::chrono::milliseconds(kTotalTimeoutMs));
-    cli.set_write_timeout(std::chrono::milliseconds(kTotalTimeoutMs));
-    auto res = cli.Post(path.c_str(), content, std::strlen(content), "application/json");
-    if (!res) {
-        err = httplib::to_string(res.error());
-        return -1;
-    }
-    return res->status;
+    info_report::PostLimits limits;
+    limits.connect_ms = kConnectTimeoutMs;
+    limits.total_ms = kTotalTimeoutMs;
+    limits.max_header_bytes = kMaxHeaderBytes;
+    return info_report::http_post(url, content, limits, &err);
 }
 
 void curl_global_once() {}
 #else
+// How much of the answer came, so that a server sending without end is cut off.
+struct Received {
+    size_t header_bytes = 0;
+    size_t body_bytes = 0;
+    bool cut = false;  // the body was cut off here, after the status had come
+};
+
+size_t count_header(char *, size_t size, size_t nmemb, void *arg) {
+    auto *r = static_cast<Received *>(arg);
+    r->header_bytes += size * nmemb;
+    return r->header_bytes > kMaxHeaderBytes ? 0 : size * nmemb;  // 0 ends the transfer
+}
+
 // The management service's answer body is of no interest to the caller.
-size_t discard_body(char *, size_t size, size_t nmemb, void *) { return size * nmemb; }
+size_t discard_body(char *, size_t size, size_t nmemb, void *arg) {
+    auto *r = static_cast<Received *>(arg);
+    r->body_bytes += size * nmemb;
+    if (r->body_bytes > kMaxBodyBytes) {
+        r->cut = true;
+        return 0;
+    }
+    return size * nmemb;
+}
 
 // One POST. Returns the HTTP status, or -1 with the reason in err when no response came back.
 long post_once(const std::string &url, const char *content, std::string &err) {
@@ -135,6 +146,7 @@ long post_once(const std::string &url, const char *content, std::string &err) {
         err = "out of memory";
         return -1;
     }
+    Received received;
     CURL *c = curl.get();
     curl_easy_setopt(c, CURLOPT_URL, url.c_str());
     curl_easy_setopt(c, CURLOPT_POST, 1L);
@@ -147,10 +159,15 @@ long post_once(const std::string &url, const char *content, std::string &err) {
     curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
     // The management service is reached directly, never through a proxy of the environment.
     curl_easy_setopt(c, CURLOPT_PROXY, "");
+    curl_easy_setopt(c, CURLOPT_HEADERFUNCTION, count_header);
+    curl_easy_setopt(c, CURLOPT_HEADERDATA, &received);
     curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, discard_body);
+    curl_easy_setopt(c, CURLOPT_WRITEDATA, &received);
     CURLcode rc = curl_easy_perform(c);
-    if (rc != CURLE_OK) {
-        err = curl_easy_strerror(rc);
+    if (rc != CURLE_OK && !(rc == CURLE_WRITE_ERROR && received.cut)) {
+        err = received.header_bytes > kMaxHeaderBytes
+                  ? "response headers longer than " + std::to_string(kMaxHeaderBytes) + " bytes"
+                  : curl_easy_strerror(rc);
         return -1;
     }
     long status = 0;
