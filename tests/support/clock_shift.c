@@ -19,13 +19,10 @@
 
 #if defined(__GLIBC__) && defined(__USE_TIME_BITS64) && __TIMESIZE == 32
 #define NAME_CLOCK "__clock_gettime64"
-#define NAME_TOD "__gettimeofday64"
 #elif !defined(__GLIBC__) && defined(_REDIR_TIME64) && _REDIR_TIME64
 #define NAME_CLOCK "__clock_gettime64"
-#define NAME_TOD "__gettimeofday_time64"
 #else
 #define NAME_CLOCK "clock_gettime"
-#define NAME_TOD "gettimeofday"
 #endif
 
 typedef int (*clock_fn)(clockid_t, struct timespec *);
@@ -79,16 +76,19 @@ int clock_gettime(clockid_t id, struct timespec *ts)
     return rc;
 }
 
+/* From the real clock_gettime rather than the C library's gettimeofday: musl's calls
+ * clock_gettime through its public name, which would be shifted a second time here. */
 int gettimeofday(struct timeval *tv, void *tz)
 {
-    typedef int (*tod_fn)(struct timeval *, void *);
-    static tod_fn fn;
-    if (!fn)
-        fn = (tod_fn)dlsym(RTLD_NEXT, NAME_TOD);
-    int rc = fn ? fn(tv, tz) : -1;
-    if (rc == 0 && tv)
-        tv->tv_sec += offset_sec();
-    return rc;
+    (void)tz;
+    struct timespec ts;
+    if (!real_clock() || real_clock()(CLOCK_REALTIME, &ts) != 0)
+        return -1;
+    if (tv) {
+        tv->tv_sec = ts.tv_sec + offset_sec();
+        tv->tv_usec = ts.tv_nsec / 1000;
+    }
+    return 0;
 }
 
 time_t time(time_t *out)
