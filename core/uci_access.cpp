@@ -3,9 +3,13 @@
 
 #include "nms_log.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -34,6 +38,15 @@ void copy_cut(char *dst, size_t dst_size, const char *value)
         if (log_error_on.load(std::memory_order_relaxed))                 \
             nms_log_print(caller, __LINE__, fmt, ##__VA_ARGS__);          \
     } while (0)
+
+// Cuts the file at path back to size when it is longer (nothing when it is missing).
+void cut_back(const char *path, off_t size)
+{
+    struct stat now;
+    if (stat(path, &now) == 0 && now.st_size > size && truncate(path, size) != 0)
+        NMS_LOG_ALWAYS("%s keeps a part of a change it could not take whole: %s", path,
+                       strerror(errno));
+}
 
 // Loads the package of an already formatted lookup string into a fresh context
 // on confdir, then sets, saves and commits it. The lookup buffer is parsed in
@@ -64,14 +77,27 @@ int set_and_commit(char *lookup, const char *package, const char *confdir, const
         CALLER_LOG_ERROR("uci_set != UCI_OK");
         return -1;
     }
+    // libuci appends the change as a line to <confdir>.uci/<package>. On a full file system
+    // the append can stop part way, and the broken line would make every later load of the
+    // package fail: the registry could then never be written again. So what a failed save
+    // added is cut off again, and the next write starts from whole lines.
+    char delta[kSaveDirSize + 256];
+    snprintf(delta, sizeof delta, "%s.uci/%s", confdir, package);
+    struct stat before;
+    const bool had_delta = stat(delta, &before) == 0;
     if (uci_save(ctx.get(), ptr.p) != UCI_OK) {
         CALLER_LOG_ERROR("uci_save != UCI_OK");
+        NMS_LOG_ALWAYS("cannot save a change of %s in %s.uci: %s", package, confdir,
+                       strerror(errno));
+        cut_back(delta, had_delta ? before.st_size : 0);
         return -1;
     }
     // Without overwrite: the file is re-read and every saved change replayed
     // onto it, so changes of other writers since our load are kept.
     if (uci_commit(ctx.get(), &ptr.p, false) != UCI_OK) {
         CALLER_LOG_ERROR("uci_commit != UCI_OK");
+        // The change stays saved and goes into the file with the next commit that succeeds.
+        NMS_LOG_ALWAYS("cannot write %s/%s: %s", confdir, package, strerror(errno));
         return -1;
     }
     return 0;
