@@ -122,8 +122,9 @@ namespace {
 void remake_queue(int list, int gone_id) {
     if (gNmsEventMsgId[list].load(std::memory_order_relaxed) != gone_id)
         return;
-    NMS_LOG_ALWAYS("event queue of list %d (msgid[%d]) was removed; creating it again", list,
-                   gone_id);
+    if (gone_id >= 0)  // (-1: an earlier try failed and said why)
+        NMS_LOG_ALWAYS("event queue of list %d (msgid[%d]) was removed; creating it again",
+                       list, gone_id);
     gNmsEventMsgId[list].store(-1, std::memory_order_relaxed);
     init_nms_event_msg(list);
 }
