@@ -108,7 +108,7 @@ demo: deps
 # A long run under traffic that checks the daemon's memory stays flat: make soak SOAK_SECONDS=N
 SOAK_SECONDS ?= 1200
 soak: build
-	scripts/soak $(SOAK_SECONDS)
+	NMS_SOAK_COMPRESSED=$(SOAK_COMPRESSED) scripts/soak $(SOAK_SECONDS)
 
 bench:
 	@scripts/install-deps --bench

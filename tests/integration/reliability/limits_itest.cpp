@@ -119,7 +119,7 @@ TEST(Limits, ABrokerThatNeverComesBackCostsNoProcessorTime)
     // Idle is a few ticks a minute: the scan each second and a reconnect try now and then.
     EXPECT_LT(static_cast<double>(used) / sysconf(_SC_CLK_TCK), 0.6 * itest::emulation_factor())
         << "processor seconds in 60 s";
-    EXPECT_TRUE(alive(pid));
+    EXPECT_TRUE(alive(pid)) << read_file("/tmp/nms_report.out") << itest::console();
     EXPECT_EQ(threads(pid), threads0);
     EXPECT_LE(open_fds(pid), fds0);
 
