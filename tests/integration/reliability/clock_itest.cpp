@@ -3,6 +3,7 @@
 // periods. Only what the daemon and the senders read of the time of day moves (the clock
 // shift shim, LD_PRELOAD); the machine's clock is never touched.
 #include "itest.h"
+#include "itest_proc.h"
 #include "itest_json.h"
 
 #include <gtest/gtest.h>
@@ -52,25 +53,6 @@ int64_t now_ms()
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::system_clock::now().time_since_epoch())
         .count();
-}
-
-// Processor time the process used so far, in clock ticks.
-long cpu_ticks(pid_t pid)
-{
-    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-    size_t paren = stat.rfind(')');
-    if (paren == std::string::npos)
-        return -1;
-    std::istringstream in(stat.substr(paren + 2));
-    std::string field;
-    long utime = 0, stime = 0;
-    for (int i = 3; i <= 15 && in >> field; i++) {
-        if (i == 14)
-            utime = std::stol(field);
-        if (i == 15)
-            stime = std::stol(field);
-    }
-    return utime + stime;
 }
 
 // Uptimes (seconds) at which a statistics command ran, one a line in its file.
@@ -181,9 +163,9 @@ TEST(ClockSteps, PeriodsKeepTheirLengthAndStampsFollowTheNewTime)
         shift_by(ph.shift);
         ph.from_ms = now_ms();
         ph.from_up = uptime();
-        long before = cpu_ticks(pid);
+        long before = itest::cpu_ticks(pid);
         std::this_thread::sleep_for(std::chrono::seconds(kPhaseSec));
-        ph.cpu = cpu_ticks(pid) - before;
+        ph.cpu = itest::cpu_ticks(pid) - before;
         ph.to_ms = now_ms();
         ph.to_up = uptime();
     }

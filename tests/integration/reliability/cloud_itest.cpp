@@ -3,6 +3,7 @@
 // accepts and never answers. Each send must end in bounded time and memory, the reporting
 // must go on afterwards, and SIGTERM must end the daemon promptly even in the middle of one.
 #include "itest.h"
+#include "itest_proc.h"
 #include "itest_json.h"
 
 #include <gtest/gtest.h>
@@ -52,15 +53,6 @@ pid_t start_daemon()
     return pid;
 }
 
-long status_field(pid_t pid, const char *name)
-{
-    std::istringstream in(read_file("/proc/" + std::to_string(pid) + "/status"));
-    for (std::string line; std::getline(in, line);)
-        if (line.compare(0, strlen(name), name) == 0 && line[strlen(name)] == ':')
-            return std::stol(line.substr(strlen(name) + 1));
-    return -1;
-}
-
 // Whether cloudsim recorded an event with this marker, answered with status (0: any).
 bool recorded(const std::string &marker, int status = 0)
 {
@@ -99,8 +91,8 @@ TEST(HostileCloud, EachSendEndsInBoundedTimeAndMemoryAndReportingGoesOn)
     ASSERT_GT(pid, 0) << read_file("/tmp/nms_report.out");
     send_marker("warm-up");
     ASSERT_TRUE(itest::wait_until([] { return recorded("warm-up", 200); }, 15s));
-    const long rss0 = status_field(pid, "VmRSS");
-    const long threads0 = status_field(pid, "Threads");
+    const long rss0 = itest::status_field(pid, "VmRSS");
+    const long threads0 = itest::status_field(pid, "Threads");
 
     for (const char *kind :
          {"trickle", "endless_headers", "huge_body", "reset_mid_body", "redirect_loop"}) {
@@ -114,7 +106,7 @@ TEST(HostileCloud, EachSendEndsInBoundedTimeAndMemoryAndReportingGoesOn)
         EXPECT_TRUE(itest::wait_until(
             [&] { return recorded(std::string(kind) + "-after", 200); }, 25s));
         EXPECT_LT(std::chrono::steady_clock::now() - start, 25s);
-        EXPECT_LT(status_field(pid, "VmRSS") - rss0, 8 * 1024) << "kB more resident memory";
+        EXPECT_LT(itest::status_field(pid, "VmRSS") - rss0, 8 * 1024) << "kB more resident memory";
     }
 
     SCOPED_TRACE("a port that accepts and never answers");
@@ -135,7 +127,7 @@ TEST(HostileCloud, EachSendEndsInBoundedTimeAndMemoryAndReportingGoesOn)
     send_marker("silent-after");
     EXPECT_TRUE(itest::wait_until([] { return recorded("silent-after", 200); }, 30s));
     close(hole);
-    EXPECT_LE(status_field(pid, "Threads"), threads0 + 1) << "a thread stuck in a send";
+    EXPECT_LE(itest::status_field(pid, "Threads"), threads0 + 1) << "a thread stuck in a send";
 
     SCOPED_TRACE("SIGTERM in the middle of a send: the daemon ends within 2 s");
     order("{\"hostile\":\"trickle\"}");

@@ -1,6 +1,7 @@
 // limits_itest.cpp - the daemon at the kernel's and the bus's limits: 32 file descriptors,
 // 200 bus clients at once, and a broker that dies and never comes back.
 #include "itest.h"
+#include "itest_proc.h"
 
 #include <gtest/gtest.h>
 
@@ -18,50 +19,6 @@ using itest::read_file;
 using itest::run;
 
 namespace {
-
-long cpu_ticks(pid_t pid)
-{
-    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-    size_t paren = stat.rfind(')');
-    if (paren == std::string::npos)
-        return -1;
-    std::istringstream in(stat.substr(paren + 2));
-    std::string field;
-    long total = 0;
-    for (int i = 3; i <= 15 && in >> field; i++)
-        if (i == 14 || i == 15)
-            total += std::stol(field);
-    return total;
-}
-
-int open_fds(pid_t pid)
-{
-    int n = 0;
-    DIR *d = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-    if (!d)
-        return -1;
-    while (dirent *e = readdir(d))
-        n += e->d_name[0] != '.';
-    closedir(d);
-    return n;
-}
-
-long threads(pid_t pid)
-{
-    std::istringstream in(read_file("/proc/" + std::to_string(pid) + "/status"));
-    for (std::string line; std::getline(in, line);)
-        if (line.compare(0, 8, "Threads:") == 0)
-            return std::stol(line.substr(8));
-    return -1;
-}
-
-bool alive(pid_t pid)
-{
-    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-    size_t paren = stat.rfind(')');
-    return paren != std::string::npos && paren + 2 < stat.size() &&
-           std::string("ZX").find(stat[paren + 2]) == std::string::npos;
-}
 
 pid_t start_daemon(const std::string &prefix)
 {
@@ -89,19 +46,19 @@ TEST(Limits, ThirtyTwoDescriptorsAndTwoHundredBusClientsAtOnce)
     const pid_t pid = start_daemon("ulimit -n 32;");
     ASSERT_GT(pid, 0) << read_file("/tmp/nms_report.out");
     std::this_thread::sleep_for(5s);  // start-up's last thread
-    const int fds = open_fds(pid);
+    const int fds = itest::open_fds(pid);
     EXPECT_LE(fds, 20) << "descriptors at rest";
 
     auto r = run("for i in $(seq 200); do ubus call nms_report_cache print_params_timer "
                  ">/dev/null 2>>/tmp/calls.err & s=\"$s $!\"; done; wait $s");
     EXPECT_EQ(read_file("/tmp/calls.err"), "") << "every one of the 200 calls answered";
-    EXPECT_TRUE(alive(pid));
+    EXPECT_TRUE(itest::alive(pid));
 
     SCOPED_TRACE("still reporting, with the commands and the send that need descriptors");
     ASSERT_EQ(run("ubus call nms_report_cache begin_report").status, 0);
     ASSERT_EQ(run("nms_event_send -l 0 100 '{\"mark\":\"fd32\"}'").status, 0);
     EXPECT_TRUE(itest::wait_until([] { return reported("fd32"); }, 15s));
-    EXPECT_LE(open_fds(pid), fds + 2) << "no descriptor leaked";
+    EXPECT_LE(itest::open_fds(pid), fds + 2) << "no descriptor leaked";
 }
 
 TEST(Limits, ABrokerThatNeverComesBackCostsNoProcessorTime)
@@ -110,18 +67,18 @@ TEST(Limits, ABrokerThatNeverComesBackCostsNoProcessorTime)
     ASSERT_GT(pid, 0) << read_file("/tmp/nms_report.out");
     ASSERT_EQ(run("ubus call nms_report_cache begin_report").status, 0);
     std::this_thread::sleep_for(5s);
-    const long threads0 = threads(pid), fds0 = open_fds(pid);
+    const long threads0 = itest::status_field(pid, "Threads"), fds0 = itest::open_fds(pid);
     ASSERT_EQ(run("kill $(pidof ubusd)").status, 0);
     std::this_thread::sleep_for(1s);
-    const long before = cpu_ticks(pid);
+    const long before = itest::cpu_ticks(pid);
     std::this_thread::sleep_for(60s);
-    const long used = cpu_ticks(pid) - before;
+    const long used = itest::cpu_ticks(pid) - before;
     // Idle is a few ticks a minute: the scan each second and a reconnect try now and then.
     EXPECT_LT(static_cast<double>(used) / sysconf(_SC_CLK_TCK), 0.6 * itest::emulation_factor())
         << "processor seconds in 60 s";
-    EXPECT_TRUE(alive(pid)) << read_file("/tmp/nms_report.out") << itest::console();
-    EXPECT_EQ(threads(pid), threads0);
-    EXPECT_LE(open_fds(pid), fds0);
+    EXPECT_TRUE(itest::alive(pid)) << read_file("/tmp/nms_report.out") << itest::console();
+    EXPECT_EQ(itest::status_field(pid, "Threads"), threads0);
+    EXPECT_LE(itest::open_fds(pid), fds0);
 
     SCOPED_TRACE("events still arrive and are kept");
     ASSERT_EQ(run("nms_event_send -l 7 107 '{\"mark\":\"nobus\"}'").status, 0);

@@ -3,6 +3,7 @@
 // its texts (or replace, by policy), stay up, keep answering the bus, and recover when the
 // lists are emptied.
 #include "itest.h"
+#include "itest_proc.h"
 
 #include <gtest/gtest.h>
 
@@ -16,23 +17,6 @@ using itest::read_file;
 using itest::run;
 
 namespace {
-
-long status_kb(pid_t pid, const char *name)
-{
-    std::istringstream in(read_file("/proc/" + std::to_string(pid) + "/status"));
-    for (std::string line; std::getline(in, line);)
-        if (line.compare(0, strlen(name), name) == 0 && line[strlen(name)] == ':')
-            return std::stol(line.substr(strlen(name) + 1));
-    return -1;
-}
-
-bool alive(pid_t pid)
-{
-    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-    size_t paren = stat.rfind(')');
-    return paren != std::string::npos && paren + 2 < stat.size() &&
-           std::string("ZX").find(stat[paren + 2]) == std::string::npos;
-}
 
 class TightMemory : public testing::TestWithParam<int> {};
 
@@ -78,8 +62,8 @@ TEST_P(TightMemory, AFloodBeyondTheLimitIsRefusedAndTheDaemonStaysUp)
               0);
     std::this_thread::sleep_for(3s);
 
-    EXPECT_TRUE(alive(pid)) << read_file("/tmp/nms_report.out");
-    EXPECT_LE(status_kb(pid, "VmSize"), 45000);
+    EXPECT_TRUE(itest::alive(pid)) << read_file("/tmp/nms_report.out");
+    EXPECT_LE(itest::status_field(pid, "VmSize"), 45000);
     EXPECT_EQ(run("ubus call nms_report_cache print_params_timer").status, 0)
         << "the bus still answers";
     const std::string errors = read_file("/tmp/errors.log");
@@ -99,7 +83,7 @@ TEST_P(TightMemory, AFloodBeyondTheLimitIsRefusedAndTheDaemonStaysUp)
         run("ubus call nms_report_cache print_list");
         return read_file("/tmp/errors.log").find("list:7 had 1 node") != std::string::npos;
     }));
-    EXPECT_TRUE(alive(pid));
+    EXPECT_TRUE(itest::alive(pid));
 }
 
 INSTANTIATE_TEST_SUITE_P(Policies, TightMemory, testing::Values(1, 2));

@@ -3,6 +3,7 @@
 // file in the way), the events still in the kernel's queues are taken, and the loss is what
 // the lists held at the kill, counted by sequence number.
 #include "itest.h"
+#include "itest_proc.h"
 #include "itest_json.h"
 
 #include <gtest/gtest.h>
@@ -63,14 +64,6 @@ int sent_so_far()
     return text.empty() ? 0 : std::stoi(text);
 }
 
-bool gone(pid_t pid)
-{
-    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-    size_t paren = stat.rfind(')');
-    return paren == std::string::npos || paren + 2 >= stat.size() || stat[paren + 2] == 'Z' ||
-           stat[paren + 2] == 'X';
-}
-
 }  // namespace
 
 TEST(CrashLoop, TwentyKillsUnderLoadEachStartIsCleanAndLossIsBounded)
@@ -102,7 +95,7 @@ TEST(CrashLoop, TwentyKillsUnderLoadEachStartIsCleanAndLossIsBounded)
         std::this_thread::sleep_for(3s);
         kill(pid, SIGKILL);
         killed_at = sent_so_far();
-        itest::wait_until([&] { return gone(pid); });
+        itest::wait_until([&] { return !itest::alive(pid); });
     }
     EXPECT_EQ(clean_starts, kRounds);
 

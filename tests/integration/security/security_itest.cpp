@@ -3,6 +3,7 @@
 // grants, the queues and the files in /tmp that user made first are not adopted, and links
 // are never followed.
 #include "itest.h"
+#include "itest_proc.h"
 
 #include <gtest/gtest.h>
 
@@ -53,14 +54,6 @@ pid_t start_daemon()
     pid_t pid = std::stoi(r.output);
     bool up = itest::wait_until([] { return run("ubus list nms_report_cache").status == 0; }, 20s);
     return up ? pid : -1;
-}
-
-bool alive(pid_t pid)
-{
-    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-    size_t paren = stat.rfind(')');
-    return paren != std::string::npos && paren + 2 < stat.size() &&
-           std::string("ZX").find(stat[paren + 2]) == std::string::npos;
 }
 
 // Makes the broker read its rule folder again and waits until it has.
@@ -230,7 +223,7 @@ TEST(Queues, AKeyTakenFirstIsTakenBackAndARemovedQueueIsMadeAgain)
     ASSERT_EQ(run("nms_event_send -l 7 -n 5 1001").status, 0);
     EXPECT_TRUE(itest::wait_until([] { return queue_of(787790).qnum == 0; }, 5s))
         << "the daemon takes from the new queue";
-    EXPECT_TRUE(alive(pid));
+    EXPECT_TRUE(itest::alive(pid));
 }
 
 // Files in /tmp: the statistics registry's folders, the debug shell's scratch and capture
@@ -288,7 +281,7 @@ TEST(TmpFiles, NothingAnotherUserMadeFirstIsTrustedOrFollowed)
             << r.output;
     }
     std::this_thread::sleep_for(1s);
-    EXPECT_TRUE(alive(pid)) << "the daemon died";
+    EXPECT_TRUE(itest::alive(pid)) << "the daemon died";
 
     SCOPED_TRACE("the capture file, made first and open to all");
     ASSERT_EQ(run("nms_dbg -n 'self(\"/tmp/udb.dup.stdouterr\")' && "
@@ -309,5 +302,5 @@ TEST(TmpFiles, NothingAnotherUserMadeFirstIsTrustedOrFollowed)
             "&& ubus call nms_report_cache flush_event_report '{\"list_id\":99}'; "
             "ubus call nms_report_cache stop_debug");
     EXPECT_EQ(read_file(kSecret), "secret\n");
-    EXPECT_TRUE(alive(pid));
+    EXPECT_TRUE(itest::alive(pid));
 }
