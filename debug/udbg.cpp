@@ -13,10 +13,6 @@
 #include "udbg_exec.h"
 #include "udbg_symbols.h"
 
-std::atomic<int> udbg_dbg_on{0};
-std::atomic<int> udbg_err_on{1};
-std::atomic<int> udbg_trace_on{1};
-
 namespace {
 
 constexpr size_t kHelpTextLen = 96;   // 95 characters and the terminator

@@ -22,7 +22,7 @@
 #include "uac_mem.h"
 #include "uac_thread.h"
 #include "uac_tmpfile.h"
-#include "udbg.h"
+#include "udbg_log.h"
 #include "udbg_exec.h"
 #include "udbg_symbols.h"
 

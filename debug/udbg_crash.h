@@ -17,3 +17,12 @@ int udbg_deadlock_watch_start() noexcept;
 // One round of the deadlock watch over the registered threads; returns the number of
 // suspects (stuck threads and the owners of what they wait on) that were signalled.
 int udbg_deadlock_round() noexcept;
+
+extern "C" {
+
+// Body of the deadlock watch thread "udbg_deadlock_chk": every 10 seconds, reports
+// registered threads that have waited on the same named mutex since the last round,
+// and has each suspect print its backtrace.
+void *udbg_deadlock_chk(void *arg) noexcept;
+
+}  // extern "C"

@@ -12,7 +12,8 @@
 #include <unistd.h>
 
 #include "uac_tmpfile.h"
-#include "udbg.h"
+#include "udbg_log.h"
+#include "udbg_symbols.h"
 #include "udbg_parser.h"
 
 namespace {

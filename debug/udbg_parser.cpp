@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "udbg.h"
+#include "udbg_log.h"
 
 namespace {
 

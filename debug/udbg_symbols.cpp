@@ -17,7 +17,7 @@
 
 #include "proc_name.h"
 #include "uac_tmpfile.h"
-#include "udbg.h"
+#include "udbg_log.h"
 
 namespace {
 

@@ -35,3 +35,15 @@ void udbg_symbols_set_paths(const char *fun_file, const char *obj_file,
 
 // True when name is one the shell accepts: a letter or "_", then letters, digits, "_".
 bool udbg_name_valid(const char *name) noexcept;
+
+extern "C" {
+
+// Address of a function of the program (symbol list) or of a loaded shared library;
+// 0 when not found.
+unsigned long udbg_get_fun_addr(const char *name) noexcept;
+
+// Address of a variable of the program (symbol list) and its size in *len; 0 when
+// not found.
+unsigned long udbg_get_var_addr(const char *name, int *len) noexcept;
+
+}  // extern "C"
