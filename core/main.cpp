@@ -11,6 +11,8 @@
 #include "event_schedule.h"
 #include "jcs.h"
 #include "nms_log.h"
+#include "nms_ledger.h"
+#include "report_switch.h"
 #include "nms_ubus.h"
 #include "stats_registry.h"
 #include "udbg.h"
@@ -177,6 +179,8 @@ int main()
         update_event_list_buf_timer();
     }
 
+    // The cloud link's state is counted from start-up: offline until the cloud client says.
+    nms_ledger::link_state(get_report_online());
     if (init_statistics_params() != 0) {
         NMS_LOG_ERROR_AT(kLineStatsInit, "init_statistics_params error.");
         return -1;

@@ -15,6 +15,7 @@
 #include "event_config.h"
 #include "event_report.h"
 #include "nms_cmd.h"
+#include "nms_ledger.h"
 #include "nms_log.h"
 #include "report_switch.h"
 #include "uac_mem.h"
@@ -560,9 +561,10 @@ extern "C" int cloud_report_send_info(char *text, uint32_t retries, int32_t *res
     request.url = path;
     request.content = text;
     NMS_LOG_DEBUG("report event:%s", text);
-    if (retries != 0)
-        return sendto_business_by_short_link_retran(&request, result, retries);
-    return sendto_business_by_short_link(&request, result);
+    int ret = retries != 0 ? sendto_business_by_short_link_retran(&request, result, retries)
+                           : sendto_business_by_short_link(&request, result);
+    nms_ledger_cloud_send(ret, *result);
+    return ret;
 }
 
 int cloud_params_splice(char *buf) noexcept {

@@ -81,6 +81,7 @@ extern "C" int msg_handle_dispatch(nms_event_msg *frame, int list) noexcept {
             parsed.reset(json_parse_value(frame->params, &end));
         if (!parsed) {
             NMS_LOG_ERROR("event params not a json obj string, like {\"xx\":\"xx\"}!");
+            nms_ledger::refused(list, NMS_REFUSED_PARAMS);
             return -1;
         }
         // The check accepts a value followed by other text, and the parser's extensions
@@ -96,6 +97,7 @@ extern "C" int msg_handle_dispatch(nms_event_msg *frame, int list) noexcept {
             if (!text || text_len >= NMS_EVENT_PARAMS_MAX ||
                 !json_text_is_strict(text, text_len)) {
                 NMS_LOG_ERROR("event params not a json obj string, like {\"xx\":\"xx\"}!");
+                nms_ledger::refused(list, NMS_REFUSED_PARAMS);
                 return -1;
             }
             std::memcpy(rewritten, text, text_len + 1);

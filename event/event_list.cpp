@@ -20,6 +20,7 @@
 #include "event_report.h"
 #include "nms_log.h"
 #include "uac_mem.h"
+#include "uac_thread.h"
 #include "victim_index.h"
 
 uac_mutex_t *gNmsEventNodeListLocker[NMS_EVENT_LIST_NUM];
@@ -145,6 +146,16 @@ int find_free_slot(int list) {
     return -1;
 }
 
+// Why init_event_node_from_event_info refused info: it refuses over-long params, a type no
+// report wants (disabled, or every report switched off) and short memory.
+nms_refusal refusal_of(const nms_event_info *info) {
+    if (strnlen(info->params, sizeof(info->params)) > NMS_EVENT_PARAMS_MAX)
+        return NMS_REFUSED_PARAMS;
+    if (get_event_report_mask(info->id) < 1)
+        return get_event_enable(info->id) != 0 ? NMS_REFUSED_DISABLED : NMS_REFUSED_OFFLINE;
+    return NMS_REFUSED_MEMORY;
+}
+
 }  // namespace
 
 void nms_event_mutex_give(uac_mutex_t *m) noexcept {
@@ -253,7 +264,10 @@ extern "C" int delete_node_from_list(int list, int slot) noexcept {
         return -1;
     }
     NmsEventHold hold(g_lists[list].lock);
+    const bool there = g_lists[list].slots[slot] != nullptr;
     int ret = _delete_node_from_list_force(list, slot);
+    if (there && ret == 0)
+        nms_ledger::departed(list, NMS_GONE_REMOVED, 1);
     hold.release();
     room_changed(list);
     return ret;
@@ -271,6 +285,7 @@ extern "C" int insert_node_to_list(int list, const nms_event_info *info, int rep
     if (l.count.load(std::memory_order_relaxed) > NMS_EVENT_LIST_FULL) {
         if (replace == 0) {
             NMS_LOG_ERROR("list:%d is full,can't replace, may lost this event!!!\n", list);
+            nms_ledger::refused(list, NMS_REFUSED_FULL);
             return -1;
         }
         int victim = find_oldest(list, replace);
@@ -278,13 +293,16 @@ extern "C" int insert_node_to_list(int list, const nms_event_info *info, int rep
             NMS_LOG_ERROR("list:%d can't find olddest node or delete it failed, may lost this "
                           "event!!!\n",
                           list);
+            nms_ledger::refused(list, NMS_REFUSED_NO_VICTIM);
             return -1;
         }
+        nms_ledger::departed(list, NMS_GONE_REPLACED, 1);
     }
 
     int slot = find_free_slot(list);
     if (slot < 0) {
         NMS_LOG_DEBUG("list:%d insert failed!!!\n", list);
+        nms_ledger::refused(list, NMS_REFUSED_FULL);
         return -1;
     }
     NMS_LOG_DEBUG("find free node pos:%d\r\n", slot);
@@ -292,17 +310,21 @@ extern "C" int insert_node_to_list(int list, const nms_event_info *info, int rep
     auto *node = static_cast<nms_event_node *>(MEM_GUARD_ALLOC(sizeof(nms_event_node)));
     if (!node) {
         NMS_LOG_ERROR("there is no node LIST !!!");
+        nms_ledger::refused(list, NMS_REFUSED_MEMORY);
         return -1;
     }
     std::memset(node, 0, sizeof(*node));
     if (init_event_node_from_event_info(node, info) != 0) {
         NMS_LOG_ERROR("init_event_node_from_event_info failed !!!");
+        nms_ledger::refused(list, refusal_of(info));
         if (node->params)
             mem_guard_free(node->params);
         mem_guard_free(node);
         return -1;
     }
     l.slots[slot] = node;
+    node->arrived = nms_ledger::arrival(list);
+    nms_ledger::bump(nms_ledger::list(list).in.accepted);
     node->node_id = static_cast<uint32_t>(slot);
     node->seq = l.next_seq++;
     if (l.next_seq == 0)
@@ -322,6 +344,7 @@ extern "C" int insert_node_to_list_by_policy(int list, const nms_event_info *inf
     // which the report code sees (it looks at the queue itself while the producer waits here).
     if (list_valid(list) && get_event_list_full_processing(list) == kPolicyBlock &&
         is_list_full(list) == 0) {
+        const uint64_t began = uac_uptime_ms();
         RoomWait &r = room(list);
         std::unique_lock<std::mutex> hold(r.mu);
         r.waiting.store(1, std::memory_order_relaxed);
@@ -330,6 +353,9 @@ extern "C" int insert_node_to_list_by_policy(int list, const nms_event_info *inf
         while (is_list_full(list) == 0 && get_event_list_full_processing(list) == kPolicyBlock)
             r.cv.wait(hold);
         r.waiting.store(0, std::memory_order_relaxed);
+        hold.unlock();
+        nms_ledger::waited(list, static_cast<uint32_t>(uac_uptime_ms() - began));
+        nms_ledger::tick(list);   // the event is taken now, not when its round began
     }
     return insert_node_to_list(list, info, 1);
 }
@@ -410,6 +436,7 @@ extern "C" int delete_node_arr_from_list_force(int list, int n, const int *node_
         freed++;
         NMS_LOG_DEBUG("delete list_id:%d node_arr[%d]!!!\n", list, i);
     }
+    nms_ledger::departed(list, NMS_GONE_REMOVED, static_cast<uint32_t>(freed));
     if (deleted) {
         *deleted = freed;
         NMS_LOG_TRACE("had delete cnt:%d", freed);
@@ -422,12 +449,17 @@ extern "C" int delete_node_arr_from_list_force(int list, int n, const int *node_
 
 extern "C" int multil_call_delete_node_arr_from_list(int list, int n, const int *node_ids,
                                                      int *deleted, int bits) noexcept {
-    return multil_call_delete_sent_node_arr(list, n, node_ids, nullptr, deleted, bits);
+    return nms_event_delete_nodes(list, n, node_ids, nullptr, deleted, bits, NMS_GONE_REMOVED);
 }
 
 extern "C" int multil_call_delete_sent_node_arr(int list, int n, const int *node_ids,
                                                 const uint32_t *seqs, int *deleted,
                                                 int bits) noexcept {
+    return nms_event_delete_nodes(list, n, node_ids, seqs, deleted, bits, NMS_GONE_REMOVED);
+}
+
+int nms_event_delete_nodes(int list, int n, const int *node_ids, const uint32_t *seqs,
+                           int *deleted, int bits, nms_departure how) noexcept {
     if (bits < 1)
         return 0;
     if (!list_valid(list) || !node_ids || n < 0) {
@@ -452,6 +484,7 @@ extern "C" int multil_call_delete_sent_node_arr(int list, int n, const int *node
             NMS_LOG_DEBUG("delete list_id:%d node_arr[%d]!!!\n", list, i);
         }
     }
+    nms_ledger::departed(list, how, static_cast<uint32_t>(freed));
     if (deleted) {
         *deleted = freed;
         NMS_LOG_TRACE("had delete cnt:%d", freed);
@@ -469,6 +502,10 @@ extern "C" uint32_t get_list_node_seq(int list, int slot) noexcept {
 }
 
 extern "C" int clean_one_list(int bits) noexcept {
+    return nms_event_clean_lists(bits, NMS_GONE_CLEANED);
+}
+
+int nms_event_clean_lists(int bits, nms_departure how) noexcept {
     if (bits < 1)
         return 0;
     bool every_list = true;
@@ -477,16 +514,18 @@ extern "C" int clean_one_list(int bits) noexcept {
         NmsEventHold hold(l.lock);
         // Slot indexes 0..count-1 are visited, not the nodes: nodes in higher slots stay.
         int count = l.count.load(std::memory_order_relaxed);
-        bool any = false;
+        uint32_t freed = 0;
         for (int pos = 0; pos < count; pos++) {
             NMS_LOG_DEBUG("pos%d!!!\n", pos);
             if (!l.slots[pos])
                 continue;
             if (clear_bits_and_delete(list, pos, bits)) {
-                any = true;
+                freed++;
                 NMS_LOG_DEBUG("delete list_id:%d node_arr[%d]!!!\n", list, pos);
             }
         }
+        nms_ledger::departed(list, how, freed);
+        const bool any = freed > 0;
         hold.release();
         if (any)
             room_changed(list);
@@ -494,6 +533,24 @@ extern "C" int clean_one_list(int bits) noexcept {
             every_list = false;
     }
     return every_list ? 0 : -1;
+}
+
+uint32_t nms_event_oldest_age(int list) noexcept {
+    if (!list_valid(list))
+        return 0;
+    nms_event_list &l = g_lists[list];
+    if (l.count.load(std::memory_order_relaxed) <= 0)
+        return 0;
+    uint32_t oldest = 0;
+    {
+        NmsEventHold hold(l.lock);
+        for (const nms_event_node *node : l.slots) {
+            if (node && (oldest == 0 || node->arrived - oldest > 0x7FFFFFFFu))
+                oldest = node->arrived;
+        }
+    }
+    const uint32_t now = nms_ledger::mono_now();
+    return oldest == 0 || now - oldest > 0x7FFFFFFFu ? 0 : now - oldest;
 }
 
 extern "C" int get_list_total_node(int list) noexcept {

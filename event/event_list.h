@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "event_config.h"
+#include "nms_ledger.h"
 #include "uac_lock.h"
 
 #define NMS_EVENT_LIST_SLOTS 6000     // slots of one list
@@ -37,6 +38,9 @@ struct nms_event_node {
     // targets it sits in what was padding after mask.
     uint32_t seq;
     char *params;      // own copy
+    // Monotonic seconds when the daemon took it (its age for operators; the time stamp above
+    // is the sender's). On 32-bit targets it sits in what was padding at the end.
+    uint32_t arrived;
 };
 
 // One list. slots, the nodes and their masks are guarded by lock; count and cur_pos are
@@ -92,6 +96,16 @@ void print_list_node(void) noexcept;
 void print_list_count(void) noexcept;
 
 }  // extern "C"
+
+// Deletes the nodes of slots node_ids (each only while it still has the stamp seqs[i], when
+// seqs is given) once bits are cleared from them, and books the deleted ones as how; the
+// public deletion calls are this with their own reason. *deleted: how many were deleted.
+int nms_event_delete_nodes(int list, int n, const int *node_ids, const uint32_t *seqs,
+                           int *deleted, int bits, nms_departure how) noexcept;
+// clean_one_list, booking what it deletes as how (a clean, or a stop or restart of reporting).
+int nms_event_clean_lists(int bits, nms_departure how) noexcept;
+// The age in seconds of the oldest event in the list (by arrival), 0 for an empty list.
+uint32_t nms_event_oldest_age(int list) noexcept;
 
 // Gives a list or report lock back; a give refused because the caller does not own the lock is
 // reported with the lock's name, its owner and the caller.

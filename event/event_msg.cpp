@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "event_config.h"
+#include "nms_ledger.h"
 #include "nms_log.h"
 
 std::atomic<int32_t> gNmsEventMsgId[8] = {{-1}, {-1}, {-1}, {-1}, {-1}, {-1}, {-1}, {-1}};
@@ -163,6 +164,7 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
         }
         int batch = state.msg_qnum > 0 ? static_cast<int>(state.msg_qnum) : 1;
         g_backlog[list].store(batch, std::memory_order_relaxed);
+        nms_ledger::tick(list);
         // Every message of this round was sent before the count above: settings written
         // before any of them are known from here on.
         event_settings_look();
@@ -189,6 +191,7 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
                 if (size >= 0) {
                     NMS_LOG_ERROR("###msgrcv failed:command too long:[%d]###",
                                   static_cast<int>(size));
+                    nms_ledger::refused(list, NMS_REFUSED_TOO_LONG);
                     continue;
                 }
             }
@@ -207,8 +210,10 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
             char *text_start = reinterpret_cast<char *>(&frame) + offsetof(nms_event_msg, id);
             std::memset(text_start + got, 0, NMS_EVENT_MSG_TEXT_SIZE - static_cast<size_t>(got));
             // Waited for on an empty queue: it was sent after the round's look.
-            if (was_empty)
+            if (was_empty) {
                 event_settings_look();
+                nms_ledger::tick(list);
+            }
             frame.params[sizeof(frame.params) - 1] = '\0';
             const char *text = text_start;
             int len = static_cast<int>(strlen(text));
@@ -227,6 +232,7 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
                 NMS_LOG_DEBUG("send_notify_nms_event====%ld ", static_cast<long>(frame.mtype));
             } else {
                 NMS_LOG_ERROR("###msgrcv failed:command too long:[%d]###", len);
+                nms_ledger::refused(list, NMS_REFUSED_TOO_LONG);
             }
         }
     }

@@ -115,6 +115,13 @@ bool stats_hundreds(int32_t total) {
     return event_stats_print_on.load(std::memory_order_relaxed) && (total / 100) % 10 == 0;
 }
 
+}  // namespace
+
+// multil_call_remove_report_node_id, booking the events it deletes as how.
+int forget_batch(int32_t list, int32_t del, uint32_t mask, nms_departure how) noexcept;
+
+namespace {
+
 // The batch's end on every path but success: forget its ids without deleting, drop its text.
 int abandon_batch(uint32_t list, const nms_report_type *t, uac_mutex_t *lock) {
     NMS_LOG_TRACE("1");
@@ -276,6 +283,10 @@ extern "C" int multil_call_store_report_node_id(uint32_t list, uint32_t node_id,
 
 extern "C" int multil_call_remove_report_node_id(int32_t list, int32_t del,
                                                  uint32_t mask) noexcept {
+    return forget_batch(list, del, mask, NMS_GONE_REMOVED);
+}
+
+int forget_batch(int32_t list, int32_t del, uint32_t mask, nms_departure how) noexcept {
     if (!(mask & 1u))
         return -1;
     if (!list_valid(list)) {
@@ -289,8 +300,8 @@ extern "C" int multil_call_remove_report_node_id(int32_t list, int32_t del,
         return -1;
     if (del == 1) {
         int deleted = 0;
-        multil_call_delete_sent_node_arr(list, cnt, arr, report_node_seq_arr[list], &deleted,
-                                         static_cast<int>(mask));
+        nms_event_delete_nodes(list, cnt, arr, report_node_seq_arr[list], &deleted,
+                               static_cast<int>(mask), how);
     }
     // Entries from cnt on are -1 already.
     std::fill_n(arr, std::min(cnt + 1, NMS_REPORT_NODE_ARR_LEN), -1);
@@ -386,7 +397,8 @@ extern "C" int multil_call_nms_event_report_handle(uint32_t list,
 
     int32_t result = -1;
     if (t->send(buf, t->fail_retry, &result) != -1 && result == 0) {
-        multil_call_remove_report_node_id(l, 1, t->src_mask);
+        nms_ledger::batch(l, static_cast<uint32_t>(added_total), true, result);
+        forget_batch(l, 1, t->src_mask, NMS_GONE_SENT);
         NMS_LOG_TRACE("list:%d report OK  cnt:%d\r\n", list, added_total);
         if (stats_hundreds(total)) {
             std::printf("had send %d events to type:%d\r\n", total, t->type);
@@ -405,8 +417,9 @@ extern "C" int multil_call_nms_event_report_handle(uint32_t list,
     // counts nothing, so the queue is looked at here to see the backlog as it is now.
     if (is_list_producer_waiting(l) == 0)
         nms_event_msg_look(l);
+    nms_ledger::batch(l, static_cast<uint32_t>(added_total), false, result);
     if (is_msg_list_is_full(l) == 0) {
-        multil_call_remove_report_node_id(l, 1, t->src_mask);
+        forget_batch(l, 1, t->src_mask, NMS_GONE_DROPPED);
         NMS_LOG_TRACE("list:%d report failed, and delete cnt:%d\r\n", list, added_total);
     }
     return abandon_batch(list, t, lock);
@@ -504,7 +517,8 @@ extern "C" void *send_report_handle(void *arg) noexcept {
         if (get_report_online() != 0) {
             NMS_LOG_TRACE(" report params:#%s#", request->content);
             int result = 0;
-            sendto_business_by_short_link_retran(request, &result, job->fail_retry);
+            int ret = sendto_business_by_short_link_retran(request, &result, job->fail_retry);
+            nms_ledger_cloud_send(ret, result);
         }
         free_traced(request->url);
         free_traced(request->content);
@@ -531,6 +545,7 @@ extern "C" int statistics_params_report_handle(char *text, int32_t force) noexce
     request.content = text;
     int result = -1;
     int ret = sendto_business_by_short_link_retran(&request, &result, CLOUD_SEND_RETRIES);
+    nms_ledger_cloud_send(ret, result);
     return (ret == 0 && result == 0) ? 0 : -1;
 }
 
@@ -588,6 +603,7 @@ extern "C" void nms_event_debug_help(void) noexcept {
         "nms_event debug functions and variables:\r\n"
         "  print_list_node()                 -- print every buffered event of the eight lists\r\n"
         "  print_list_count()                -- print count and last insertion slot per list\r\n"
+        "  print_ledger()                    -- what became of every event, per list (table)\r\n"
         "  set_multil_call_cb_begin(0, list) -- report one list now\r\n"
         "  clean_one_list(1)                 -- drop the cloud's claim on buffered events\r\n"
         "  update_event_list_buf_timer()     -- reload the lists' settings\r\n"

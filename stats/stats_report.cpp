@@ -16,6 +16,7 @@
 #include "event_config.h"
 #include "event_report.h"
 #include "nms_cmd.h"
+#include "nms_ledger.h"
 #include "nms_log.h"
 #include "report_switch.h"
 #include "uac_mem.h"
@@ -137,16 +138,19 @@ int report_statistics_params_page(statistics_params_cb_node *node, report_result
     JsonPtr obj(jsonParseStr(out));
     if (!obj) {
         NMS_LOG_ERROR("cmd:%s error return not a json obj!\n", node->get_cb);
+        nms_ledger::stats(node->type, nms_ledger::STATS_FAILED);
         return 0;
     }
     const char *cont = getValueFromJsonObj(obj.get(), "continue");
     if (!cont) {
         NMS_LOG_ERROR("invalid return value for:%s\n", node->get_cb);
+        nms_ledger::stats(node->type, nms_ledger::STATS_FAILED);
         return 0;
     }
     const char *report_buf = getValueFromJsonObj(obj.get(), "report_buf");
     if (!report_buf) {
         NMS_LOG_ERROR("cmd:%s error return not a json obj!\n", node->get_cb);
+        nms_ledger::stats(node->type, nms_ledger::STATS_FAILED);
         return 0;
     }
     const std::string member = member_text(report_buf);
@@ -180,6 +184,7 @@ int report_statistics_params_page(statistics_params_cb_node *node, report_result
         std::memcpy(info->buf, member.c_str(), member.size() + 1);
     }
     node->param_action = 1;
+    nms_ledger::stats(node->type, nms_ledger::STATS_VALUE);
     return std::strcmp(cont, "true") == 0 ? 1 : 0;
 }
 
@@ -212,14 +217,18 @@ void report_statistics_params_prepare(statistics_params_cb_node *node,
         // leave the previous page's tail to be parsed again.
         std::memset(out.get(), 0, STATS_READ_BUF_LEN + 1);
         bool timed_out = false;
+        nms_ledger::stats(node->type, nms_ledger::STATS_RUN);
         if (nms_cmd_read(node->get_cb, out.get(), read_size, &timed_out) < 0) {
             log_popen_failure(node->get_cb);
             NMS_LOG_ERROR("popen exe [%s] failed\n", node->get_cb);
+            nms_ledger::stats(node->type, nms_ledger::STATS_FAILED);
             return;
         }
         // Cut off by the time limit (already reported): what it printed is not a value.
-        if (timed_out)
+        if (timed_out) {
+            nms_ledger::stats(node->type, nms_ledger::STATS_KILLED);
             return;
+        }
         NMS_LOG_DEBUG("get report info by ubus, buf is %s remain_len:%d\n", out.get(), remain_len);
 
         if (report_statistics_params_page(node, info, out.get(), &remain_len, &read_size) != 1)

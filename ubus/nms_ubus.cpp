@@ -26,7 +26,9 @@
 #include "event_config.h"
 #include "event_list.h"
 #include "event_report.h"
+#include "nms_ledger.h"
 #include "nms_log.h"
+#include "nms_status.h"
 #include "report_switch.h"
 #include "stats_persist.h"
 #include "stats_registry.h"
@@ -420,11 +422,13 @@ extern "C" int stop_report(ubus_context *, ubus_object *, ubus_request_data *, c
         params_stopped = true;
     }
     if (events_stopped)
-        clean_one_list(kEventMask);
+        nms_event_clean_lists(kEventMask, NMS_GONE_STOPPED);
     // Offline only when this call stopped both kinds: stopping one kind keeps the
     // other kind's sends going.
-    if (events_stopped && params_stopped)
+    if (events_stopped && params_stopped) {
         set_report_online(0);
+        nms_ledger::link_state(0);
+    }
     return 0;
 }
 
@@ -446,11 +450,12 @@ extern "C" int begin_report(ubus_context *, ubus_object *, ubus_request_data *, 
     // The cloud client calls this when its link comes up: the device is online
     // whatever the type said.
     set_report_online(1);
+    nms_ledger::link_state(1);
     if (params_started)
         begin_all_statistics_params_timer();
     // Events cached while reporting was stopped are stale by now; start afresh.
     if (events_started)
-        clean_one_list(kEventMask);
+        nms_event_clean_lists(kEventMask, NMS_GONE_STOPPED);
     local_update_site_id();
     return 0;
 }
@@ -660,6 +665,7 @@ extern "C" void ubus_connection_lost(ubus_context *) noexcept
     if (ubus_reconnect(ubus_ctx, bus_socket()) == 0) {
         // The object is published again by the reconnect, under new ids.
         NMS_LOG_DEBUG("reconnected to ubus, new id: %08x\n", ubus_ctx->local_id);
+        nms_ledger::bus_connected(true);
         uloop_fd_add(&ubus_ctx->sock, kLoopFlags);
         return;
     }
@@ -676,8 +682,10 @@ extern "C" int ubus_init(void) noexcept
     for (int attempt = 0; attempt < kConnectAttempts; attempt++) {
         ubus_ctx = ubus_connect(bus_socket());
         keep_default_termination();
-        if (ubus_ctx)
+        if (ubus_ctx) {
+            nms_ledger::bus_connected(false);
             return 0;
+        }
         sleep(1);
     }
     NMS_LOG_ERROR("connect to ubusd path(%s) failed.\n", kBusSocket);
@@ -696,6 +704,11 @@ extern "C" int ubus_add_obj(void) noexcept
         return -1;
     }
     NMS_LOG_DEBUG("ubus add object(%s) successful.\n", nms_event_object.name);
+    // The ledger's object: the daemon works on without it, so a failure is only reported.
+    ubus_object *status = nms_status_object();
+    ret = ubus_add_object(ubus_ctx, status);
+    if (ret != 0)
+        NMS_LOG_ERROR("add object(%s) failed ret:%d.\n", status->name, ret);
     return 0;
 }
 
