@@ -6,9 +6,10 @@
 #                                    (packaging/openwrt/releases) and the recipe's fields
 #   nms_pkg_build DIR                the device build, linked against the release's sonames,
 #                                    installed into DIR/install
-#   nms_pkg_roots                    DIR/root-nms_report and DIR/root-libinfo-report-http: the
-#                                    packages' files, stripped; $deps_nms_report and
-#                                    $deps_libinfo (OpenWrt's package names, libc first)
+#   nms_pkg_roots                    DIR/root-nms_report, DIR/root-libinfo-report-http and
+#                                    DIR/root-$collector: the packages' files, stripped;
+#                                    $deps_nms_report, $deps_libinfo and $deps_collector
+#                                    (OpenWrt's package names, libc first)
 # shellcheck source=cross-arch.sh
 . "$here/scripts/cross-arch.sh"
 
@@ -123,8 +124,19 @@ nms_pkg_roots() {
     install -m 0644 "$here/packaging/openwrt/files/info_report.config" "$root/etc/config/info_report"
     "$strip" --strip-unneeded "$root/usr/lib/libInfo_report.so"
     deps_libinfo=$(nms_pkg_depends_of "$root/usr/lib/libInfo_report.so") || exit 1
+
+    # The exporter's collector: a Lua file for every architecture, run by the exporter, which
+    # reads the daemon's object with the ubus command.
+    root=$dir/root-$collector
+    rm -rf "$root"
+    install -d -m 0755 "$root/usr/lib/lua/prometheus-collectors"
+    install -m 0644 "$inst/lib/lua/prometheus-collectors/nms_report.lua" \
+        "$root/usr/lib/lua/prometheus-collectors/"
+    deps_collector=$'prometheus-node-exporter-lua\nnms_report\nubus'
 }
 
+collector=prometheus-node-exporter-lua-nms_report
+desc_collector="Prometheus node exporter collector of nms_report: what became of every event, statistics commands, bus and cloud link"
 desc_nms_report="Event and statistics reporting to the cloud management service (bus object nms_report_cache)"
 desc_libinfo="libInfo_report over HTTP (POST to the base URL in UCI), for devices without the vendor's library"
 
