@@ -12,6 +12,10 @@
 //   GET|POST /api/device             the device's link state as the cloud sees it: POST
 //                                    {"status":"online"|"offline"} (devsim --tell); GET gives
 //                                    it with the time it changed and the time of the last report
+//   POST /api/device/metrics         the daemon's metrics as devsim --metrics relays them (its
+//                                    `ubus call nms_report metrics`); the last 10 minutes are kept
+//   GET  /api/device/metrics[?since=MS]  those samples, oldest first, per list [accepted, sent,
+//                                    held]: {"now_ms":..,"samples":[{"t":MS,"online":B,"lists":[[a,s,h],..]}]}
 //   GET  /                           the page
 // The same record is also available as JSON lines at /_cloudsim/messages, and fault orders are
 // taken at /_cloudsim/fault too.
@@ -39,6 +43,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -369,6 +374,36 @@ public:
             }
             r.set_content("{\"code\":0}", kJson);
         });
+        svr.Post("/api/device/metrics", [this](const httplib::Request &q, httplib::Response &r) {
+            std::string sample;
+            if (!metrics_sample(q.body, &sample))
+                return bad_request(r, "give the JSON of ubus call nms_report metrics");
+            std::lock_guard<std::mutex> hold(metrics_mutex_);
+            metrics_.emplace_back(now_ms(), sample);
+            if (metrics_.size() > kMetricsKept)
+                metrics_.pop_front();
+            r.set_content("{\"code\":0}", kJson);
+        });
+        svr.Get("/api/device/metrics", [this](const httplib::Request &q, httplib::Response &r) {
+            int64_t since = 0;
+            if (q.has_param("since")) {
+                char *end = nullptr;
+                const std::string v = q.get_param_value("since");
+                since = std::strtoll(v.c_str(), &end, 10);
+                if (v.empty() || *end)
+                    return bad_request(r, "since must be a time in milliseconds");
+            }
+            std::string out = "{\"now_ms\":" + std::to_string(now_ms()) + ",\"samples\":[";
+            std::lock_guard<std::mutex> hold(metrics_mutex_);
+            bool first = true;
+            for (const auto &m : metrics_) {
+                if (m.first <= since)
+                    continue;
+                out += (first ? "" : ",") + m.second;
+                first = false;
+            }
+            r.set_content(out + "]}", kJson);
+        });
         svr.Get("/_cloudsim/messages", [this](const httplib::Request &, httplib::Response &r) {
             r.set_content(store_.record_lines(), "application/x-ndjson");
         });
@@ -386,6 +421,37 @@ private:
         r.status = 404;
         r.set_content("{\"error\":\"not found\"}", kJson);
     }
+    // The compact sample of one metrics text: its time, the cloud link, and per list the
+    // events accepted and sent so far and held now. False when the text is not metrics.
+    static bool metrics_sample(const std::string &body, std::string *out)
+    {
+        json_object *m = json_tokener_parse(body.c_str());
+        json_object *lists = nullptr;
+        if (!m || !json_object_object_get_ex(m, "lists", &lists) ||
+            !json_object_is_type(lists, json_type_array)) {
+            json_object_put(m);
+            return false;
+        }
+        json_object *online = nullptr;
+        json_object_object_get_ex(m, "cloud_online", &online);
+        std::string s = "{\"t\":" + std::to_string(now_ms()) + ",\"online\":" +
+                        (json_object_get_boolean(online) ? "true" : "false") + ",\"lists\":[";
+        for (size_t i = 0; i < json_object_array_length(lists); i++) {
+            json_object *l = json_object_array_get_idx(lists, i);
+            s += i ? ",[" : "[";
+            const char *names[] = {"accepted", "sent", "in_list"};
+            for (size_t k = 0; k < 3; k++) {
+                json_object *v = nullptr;
+                json_object_object_get_ex(l, names[k], &v);
+                s += (k ? "," : "") + std::to_string(json_object_get_int64(v));
+            }
+            s += "]";
+        }
+        json_object_put(m);
+        *out = s + "]}";
+        return true;
+    }
+
     static void bad_request(httplib::Response &r, const std::string &why)
     {
         std::string text = "{\"error\":\"";
@@ -490,6 +556,10 @@ private:
     std::string device_status_ = "unknown";  // until devsim tells
     int64_t device_since_ms_ = 0;
     std::atomic<int64_t> last_report_ms_{0};
+    // Metrics samples of the device, as compact JSON texts, and their times (under the lock).
+    static constexpr size_t kMetricsKept = 600;
+    std::mutex metrics_mutex_;
+    std::deque<std::pair<int64_t, std::string>> metrics_;
 };
 
 }  // namespace

@@ -30,12 +30,27 @@ button { margin: 2px 4px 2px 0; }
 .device.offline { color: #b33; }
 .note { color: #555; font-style: italic; }
 pre { white-space: pre-wrap; word-break: break-all; margin: .3em 0; }
+.panel { display: grid; grid-template-columns: repeat(4, 250px); gap: 6px 12px; }
+.chart { border: 1px solid #ddd; border-radius: 4px; padding: 2px 4px; font-size: 12px; }
+.chart svg { display: block; background: #fafafa; }
+.chart .accepted { stroke: #2a62c9; fill: none; stroke-width: 1.5; }
+.chart .sent { stroke: #1b8a3a; fill: none; stroke-width: 1.5; }
+.chart .fill { stroke: none; fill: rgba(200, 90, 40, .25); }
+.key-accepted { color: #2a62c9; } .key-sent { color: #1b8a3a; } .key-fill { color: #c85a28; }
 </style>
 </head>
 <body>
 <h1>cloudsim</h1>
 <div id="device" class="device">device: waiting for the cloud client to say whether it is online</div>
 <div id="status">connecting...</div>
+<h2>Device panel</h2>
+<p class="head">What the device's agent reports of the daemon every second (<code>ubus call
+nms_report metrics</code>), over the last 5 minutes: per list, events
+<span class="key-accepted">accepted</span> and <span class="key-sent">sent</span> a second, and
+how <span class="key-fill">full</span> the list is (of its 6000 places).</p>
+<div id="link" class="mono">no metrics from the device yet</div>
+<div id="panel" class="panel"></div>
+
 <p class="head">What the management service received from the device, newest first. Event
 reports carry one batch each: a list that buffers (lists 3 to 7) sends all the events it
 gathered in one report. All times are UTC.</p>
@@ -187,6 +202,98 @@ async function poll() {
     document.getElementById("status").textContent = "cannot reach cloudsim: " + e;
   }
 }
+
+// ---- the device panel ----------------------------------------------------------------------
+const PANEL_MS = 5 * 60 * 1000;
+const LIST_SLOTS = 6000;
+const W = 240, H = 60;
+const SVG = "http://www.w3.org/2000/svg";
+let samples = [];
+let lastSampleT = 0;
+
+function svgEl(tag, attrs) {
+  const e = document.createElementNS(SVG, tag);
+  Object.keys(attrs).forEach(k => e.setAttribute(k, attrs[k]));
+  return e;
+}
+
+function buildPanel() {
+  const panel = document.getElementById("panel");
+  for (let l = 0; l < 8; l++) {
+    const box = el("div", undefined, "chart");
+    box.appendChild(el("div", "list " + l));
+    const svg = svgEl("svg", {id: "chart-" + l, width: W, height: H, viewBox: "0 0 " + W + " " + H,
+                              role: "img", "aria-label": "list " + l});
+    svg.appendChild(svgEl("polygon", {class: "fill", points: ""}));
+    svg.appendChild(svgEl("polyline", {class: "accepted", points: ""}));
+    svg.appendChild(svgEl("polyline", {class: "sent", points: ""}));
+    box.appendChild(svg);
+    box.appendChild(el("div", "", "mono figures"));
+    panel.appendChild(box);
+  }
+}
+
+// Per list and pair of successive samples: accepted and sent a second, and the fill.
+function drawPanel(now) {
+  const from = now - PANEL_MS;
+  const x = t => ((t - from) / PANEL_MS * W).toFixed(1);
+  for (let l = 0; l < 8; l++) {
+    const acc = [], sent = [], fill = [];
+    for (let i = 1; i < samples.length; i++) {
+      const a = samples[i - 1], b = samples[i];
+      if (!a.lists[l] || !b.lists[l]) continue;
+      const dt = Math.max(1, b.t - a.t) / 1000;
+      // A restarted daemon counts from 0 again: no negative rate.
+      acc.push([b.t, Math.max(0, b.lists[l][0] - a.lists[l][0]) / dt]);
+      sent.push([b.t, Math.max(0, b.lists[l][1] - a.lists[l][1]) / dt]);
+      fill.push([b.t, b.lists[l][2] / LIST_SLOTS]);
+    }
+    const top = Math.max(1, ...acc.map(p => p[1]), ...sent.map(p => p[1]));
+    const y = v => (H - 2 - v / top * (H - 4)).toFixed(1);
+    const svg = document.getElementById("chart-" + l);
+    svg.querySelector(".accepted").setAttribute("points", acc.map(p => x(p[0]) + "," + y(p[1])).join(" "));
+    svg.querySelector(".sent").setAttribute("points", sent.map(p => x(p[0]) + "," + y(p[1])).join(" "));
+    const area = fill.map(p => x(p[0]) + "," + (H - p[1] * H).toFixed(1));
+    svg.querySelector(".fill").setAttribute("points", fill.length ?
+        [x(fill[0][0]) + "," + H].concat(area, [x(fill[fill.length - 1][0]) + "," + H]).join(" ") : "");
+    const last = samples.length ? samples[samples.length - 1].lists[l] : null;
+    const rate = acc.length ? acc[acc.length - 1][1] : 0;
+    const out = sent.length ? sent[sent.length - 1][1] : 0;
+    svg.parentNode.querySelector(".figures").textContent = last ?
+        rate.toFixed(1) + "/s in, " + out.toFixed(1) + "/s out, held " + last[2] + " (" +
+        (100 * last[2] / LIST_SLOTS).toFixed(1) + " %), top " + top.toFixed(0) + "/s" : "-";
+  }
+}
+
+async function pollPanel() {
+  let m;
+  try {
+    m = await getJson("/api/device/metrics?since=" + lastSampleT);
+  } catch (e) {
+    document.getElementById("link").textContent = "cannot reach cloudsim: " + e;
+    return;
+  }
+  if (m.samples.length) {
+    lastSampleT = m.samples[m.samples.length - 1].t;
+    samples = samples.concat(m.samples).filter(s => s.t > m.now_ms - PANEL_MS - 2000);
+  }
+  const link = document.getElementById("link");
+  const fresh = samples.length && m.now_ms - samples[samples.length - 1].t < 5000;
+  link.textContent = !samples.length ? "no metrics from the device yet" :
+      "daemon: cloud link " + (samples[samples.length - 1].online ? "online" : "offline") +
+      (fresh ? "" : " (no metrics for " + ago(samples[samples.length - 1].t, m.now_ms) + ")");
+  drawPanel(m.now_ms);
+}
+
+// Script errors are counted on the page itself, where a test or a person can see them.
+function scriptError() {
+  document.body.dataset.scriptErrors = String(Number(document.body.dataset.scriptErrors || 0) + 1);
+}
+window.addEventListener("error", scriptError);
+window.addEventListener("unhandledrejection", scriptError);
+buildPanel();
+pollPanel();
+setInterval(pollPanel, 1000);
 
 document.querySelectorAll("button[data-order]").forEach(b => b.addEventListener("click", () =>
   fetch("/api/faults", {method: "POST", headers: {"Content-Type": "application/json"},

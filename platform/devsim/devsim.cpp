@@ -44,6 +44,7 @@ struct Options {
     std::string mac = "00-11-22-33-44-55";
     std::string tell;    // http://HOST:PORT/PATH that hears of each link state, or empty
     std::string service_log;  // non-empty: publish procd's service object, recording here
+    std::string metrics;      // http://HOST:PORT/PATH that gets nms_report's metrics every second
 };
 
 struct Callback {
@@ -68,6 +69,7 @@ std::list<Child> g_children;
 unsigned g_launched = 0;
 ubus_context *g_ctx = nullptr;
 uloop_timeout g_retry = {};
+uloop_timeout g_metrics_tick = {};
 blob_buf g_reply = {};
 
 void say(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
@@ -267,25 +269,49 @@ static_assert(ARRAY_SIZE(set_policy) == SET_COUNT, "one policy entry per argumen
 // Tells the cloud stand-in the link state, as a real cloud learns it from the connection:
 // one small POST {"status": "online"|"offline"} over loopback, waited for at most a second. A
 // stand-in that is not there changes nothing.
-void tell_cloud(bool online)
+// POSTs body to url (http://ADDRESS:PORT/PATH), waiting at most a second; a stand-in that is
+// not there changes nothing. option names the option the URL came from.
+void post_json(const std::string &url, const std::string &body, const char *option)
 {
-    const std::string &url = g_opt.tell;
-    if (url.empty())
-        return;
     // http://ADDRESS:PORT, then the path.
     const size_t slash = url.find('/', url.compare(0, 7, "http://") == 0 ? 7 : 0);
     const std::string base = url.substr(0, slash);
     const std::string path = slash == std::string::npos ? "/" : url.substr(slash);
     httplib::Client cloud(base);
     if (!cloud.is_valid()) {
-        say("--tell %s: give http://ADDRESS:PORT/PATH", url.c_str());
+        say("%s %s: give http://ADDRESS:PORT/PATH", option, url.c_str());
         return;
     }
     cloud.set_connection_timeout(1, 0);
     cloud.set_read_timeout(1, 0);
     cloud.set_write_timeout(1, 0);
-    cloud.Post(path, std::string("{\"status\":\"") + state_name(online) + "\"}",
-               "application/json");
+    cloud.Post(path, body, "application/json");
+}
+
+void tell_cloud(bool online)
+{
+    if (!g_opt.tell.empty())
+        post_json(g_opt.tell, std::string("{\"status\":\"") + state_name(online) + "\"}", "--tell");
+}
+
+// What a device agent would send its cloud beside the reports: the daemon's ledger, read from
+// its bus object once a second (nothing while the daemon is not on the bus).
+void metrics_reply(ubus_request *, int, blob_attr *msg)
+{
+    if (!msg)
+        return;
+    if (char *json = blobmsg_format_json(msg, true)) {
+        post_json(g_opt.metrics, json, "--metrics");
+        std::free(json);
+    }
+}
+
+void metrics_tick(uloop_timeout *t)
+{
+    uint32_t id = 0;
+    if (g_ctx && ubus_lookup_id(g_ctx, "nms_report", &id) == 0)
+        ubus_invoke(g_ctx, id, "metrics", nullptr, metrics_reply, nullptr, 500);
+    uloop_timeout_set(t, 1000);
 }
 
 // Sets the link state and announces it: every command registered for the state runs, whether
@@ -505,6 +531,8 @@ void usage(FILE *to)
                "  -s SOCKET     bus socket (default the library's)\n"
                "  --tell URL    POST each link state to http://ADDRESS:PORT/PATH (cloudsim's\n"
                "                /api/device), as the cloud would see the client come and go\n"
+               "  --metrics URL POST nms_report's metrics (ubus call nms_report metrics) to\n"
+               "                http://ADDRESS:PORT/PATH every second (cloudsim's /api/device/metrics)\n"
                "  --service-log FILE  also stand in for procd's service object: record each\n"
                "                call to it in FILE, one JSON line each\n",
                to);
@@ -536,7 +564,7 @@ bool parse_options(int argc, char **argv)
             std::exit(0);
         }
         if (a != "--status" && a != "--site-id" && a != "--mac" && a != "-s" && a != "--tell" &&
-            a != "--service-log") {
+            a != "--service-log" && a != "--metrics") {
             std::fprintf(stderr, "devsim: unknown argument '%s'\n", a.c_str());
             usage(stderr);
             return false;
@@ -555,6 +583,8 @@ bool parse_options(int argc, char **argv)
             g_opt.mac = v;
         } else if (a == "--tell") {
             g_opt.tell = v;
+        } else if (a == "--metrics") {
+            g_opt.metrics = v;
         } else if (a == "--service-log") {
             g_opt.service_log = v;
         } else {
@@ -592,8 +622,13 @@ int main(int argc, char **argv)
         return 1;  // the broker refused our objects; said so already
     if (!g_ctx)
         say("waiting for the bus");
+    if (!g_opt.metrics.empty()) {
+        g_metrics_tick.cb = metrics_tick;
+        uloop_timeout_set(&g_metrics_tick, 1000);
+    }
     uloop_run();
 
+    uloop_timeout_cancel(&g_metrics_tick);
     uloop_timeout_cancel(&g_retry);
     uloop_done();
     if (g_ctx)
