@@ -323,8 +323,8 @@ extern "C" int insert_node_to_list(int list, const nms_event_info *info, int rep
         return -1;
     }
     l.slots[slot] = node;
-    node->arrived = nms_ledger::arrival(list);
-    nms_ledger::bump(nms_ledger::list(list).in.accepted);
+    NMS_LEDGER_HOT(node->arrived = nms_ledger::arrival(list));
+    NMS_LEDGER_HOT(nms_ledger::bump(nms_ledger::list(list).in.accepted));
     node->node_id = static_cast<uint32_t>(slot);
     node->seq = l.next_seq++;
     if (l.next_seq == 0)
@@ -355,7 +355,7 @@ extern "C" int insert_node_to_list_by_policy(int list, const nms_event_info *inf
         r.waiting.store(0, std::memory_order_relaxed);
         hold.unlock();
         nms_ledger::waited(list, static_cast<uint32_t>(uac_uptime_ms() - began));
-        nms_ledger::tick(list);   // the event is taken now, not when its round began
+        NMS_LEDGER_HOT(nms_ledger::tick(list));   // taken now, not when its round began
     }
     return insert_node_to_list(list, info, 1);
 }

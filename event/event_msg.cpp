@@ -164,7 +164,7 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
         }
         int batch = state.msg_qnum > 0 ? static_cast<int>(state.msg_qnum) : 1;
         g_backlog[list].store(batch, std::memory_order_relaxed);
-        nms_ledger::tick(list);
+        NMS_LEDGER_HOT(nms_ledger::tick(list));
         // Every message of this round was sent before the count above: settings written
         // before any of them are known from here on.
         event_settings_look();
@@ -212,7 +212,7 @@ extern "C" int recv_notify_nms_event(nms_event_msg_handler handler, nms_event_ms
             // Waited for on an empty queue: it was sent after the round's look.
             if (was_empty) {
                 event_settings_look();
-                nms_ledger::tick(list);
+                NMS_LEDGER_HOT(nms_ledger::tick(list));
             }
             frame.params[sizeof(frame.params) - 1] = '\0';
             const char *text = text_start;

@@ -197,9 +197,12 @@ inline Frame make_frame(int list, int params_len)
 
 class Daemon {
 public:
-    bool start()
+    // program: the daemon's file under /usr/sbin (the benchmarks also have nms_report_bare).
+    bool start(const char *program = "nms_report")
     {
-        std::string log = std::string(sandbox_dir()) + "/nms_report.log";
+        program_ = program;
+        std::string path = std::string("/usr/sbin/") + program;
+        std::string log = std::string(sandbox_dir()) + "/" + program + ".log";
         pid_ = fork();
         if (pid_ == 0) {
             int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -208,7 +211,7 @@ public:
                 dup2(fd, 2);
                 close(fd);
             }
-            execl("/usr/sbin/nms_report", "nms_report", static_cast<char *>(nullptr));
+            execl(path.c_str(), program, static_cast<char *>(nullptr));
             _exit(127);
         }
         started_ns_ = mono_ns();
@@ -218,6 +221,18 @@ public:
             std::this_thread::sleep_for(100ms);
         }
         return false;
+    }
+    // Ends the daemon (SIGTERM, as procd stops it) and waits for it; its queues stay.
+    void stop()
+    {
+        if (pid_ <= 0)
+            return;
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
+        pid_ = -1;
+        // Gone from the bus before another one publishes the object.
+        for (int i = 0; i < 50 && sh("ubus list nms_report_cache").status == 0; i++)
+            std::this_thread::sleep_for(100ms);
     }
     pid_t pid() const { return pid_; }
     double seconds_up() const { return static_cast<double>(mono_ns() - started_ns_) / 1e9; }
@@ -271,7 +286,7 @@ public:
     // borrows the daemon's output for the call).
     static int list_count(int list)
     {
-        Shell r = sh("nms_dbg 'get_list_total_node(" + std::to_string(list) + ")'");
+        Shell r = sh("nms_dbg -p " + program_ + " 'get_list_total_node(" + std::to_string(list) + ")'");
         size_t at = r.out.find("return ");
         return at == std::string::npos ? -1 : std::atoi(r.out.c_str() + at + 7);
     }
@@ -289,6 +304,7 @@ public:
 private:
     bool clockid_ok() { return clock_getcpuclockid(pid_, &clock_) == 0; }
 
+    static inline std::string program_ = "nms_report";   // the one running, for the shell
     pid_t pid_ = -1;
     clockid_t clock_ = CLOCK_MONOTONIC;
     int64_t started_ns_ = 0;

@@ -53,7 +53,7 @@ public:
             double ratio = a->second / b->second;
             if (ratio > p.limit)
                 ++over;
-            printf("%-36s %-32s %7.2fx %5.1fx %s\n", p.ours.c_str(), p.baseline.c_str(), ratio,
+            printf("%-36s %-32s %7.3fx %5.2fx %s\n", p.ours.c_str(), p.baseline.c_str(), ratio,
                    p.limit, ratio > p.limit ? "OVER" : "ok");
         }
         return over;

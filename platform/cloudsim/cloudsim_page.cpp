@@ -50,6 +50,8 @@ nms_report metrics</code>), over the last 5 minutes: per list, events
 how <span class="key-fill">full</span> the list is (of its 6000 places).</p>
 <div id="link" class="mono">no metrics from the device yet</div>
 <div id="panel" class="panel"></div>
+<div hidden><svg id="chart-proto" width="240" height="60" viewBox="0 0 240 60" role="img"><polygon
+class="fill" points=""/><polyline class="accepted" points=""/><polyline class="sent" points=""/></svg></div>
 
 <p class="head">What the management service received from the device, newest first. Event
 reports carry one batch each: a list that buffers (lists 3 to 7) sends all the events it
@@ -207,26 +209,18 @@ async function poll() {
 const PANEL_MS = 5 * 60 * 1000;
 const LIST_SLOTS = 6000;
 const W = 240, H = 60;
-const SVG = "http://www.w3.org/2000/svg";
 let samples = [];
 let lastSampleT = 0;
-
-function svgEl(tag, attrs) {
-  const e = document.createElementNS(SVG, tag);
-  Object.keys(attrs).forEach(k => e.setAttribute(k, attrs[k]));
-  return e;
-}
 
 function buildPanel() {
   const panel = document.getElementById("panel");
   for (let l = 0; l < 8; l++) {
     const box = el("div", undefined, "chart");
     box.appendChild(el("div", "list " + l));
-    const svg = svgEl("svg", {id: "chart-" + l, width: W, height: H, viewBox: "0 0 " + W + " " + H,
-                              role: "img", "aria-label": "list " + l});
-    svg.appendChild(svgEl("polygon", {class: "fill", points: ""}));
-    svg.appendChild(svgEl("polyline", {class: "accepted", points: ""}));
-    svg.appendChild(svgEl("polyline", {class: "sent", points: ""}));
+    // A copy of the chart drawn in the page's markup, so it is SVG as the parser made it.
+    const svg = document.getElementById("chart-proto").cloneNode(true);
+    svg.id = "chart-" + l;
+    svg.setAttribute("aria-label", "list " + l);
     box.appendChild(svg);
     box.appendChild(el("div", "", "mono figures"));
     panel.appendChild(box);

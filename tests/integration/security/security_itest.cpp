@@ -149,6 +149,9 @@ TEST(Bus, AnotherUserGetsOnlyWhatARuleGrants)
         EXPECT_EQ(r.output.find(std::string("\"") + m + "\""), std::string::npos) << m;
     r = as_nobody(list);
     EXPECT_NE(r.output.find("\"param_list\""), std::string::npos) << r.output;
+    r = as_nobody("ubus call nms_report metrics");
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("\"accepted\""), std::string::npos) << r.output;
     r = as_nobody(reg);
     EXPECT_NE(r.status, 0);
     EXPECT_NE(r.output.find("Permission denied"), std::string::npos) << r.output;
