@@ -10,6 +10,7 @@ const char *const nms_refusal_names[NMS_REFUSAL_KINDS] = {
     "disabled", "offline", "bad_params", "full", "no_victim", "no_memory", "too_long"};
 const char *const nms_departure_names[NMS_DEPARTURE_KINDS] = {
     "sent", "replaced", "dropped", "cleaned", "stopped", "removed"};
+const char *const nms_ledger::stats_names[STATS_KINDS] = {"runs", "killed", "failed", "values"};
 
 namespace nms_ledger {
 
@@ -17,20 +18,9 @@ namespace {
 
 List g_lists[NMS_LEDGER_LISTS];
 Link g_link;
-
-// Types are few (one per registered parameter) and a run touches its row a few times.
-constexpr size_t kStatsTypesMax = 256;   // rows beyond this are not kept
-std::mutex &stats_lock() {
-    static std::mutex *m = new std::mutex;   // never destroyed: commands may run at exit
-    return *m;
-}
-std::vector<StatsFigures> &stats_rows() {
-    static auto *rows = new std::vector<StatsFigures>;
-    return *rows;
-}
-
-void zero(std::atomic<uint32_t> &c) { c.store(0, std::memory_order_relaxed); }
-void zero(std::atomic<int32_t> &c) { c.store(0, std::memory_order_relaxed); }
+std::mutex g_stats_lock;
+StatsRow g_stats[NMS_LEDGER_STATS_TYPES];
+int g_stats_used;   // rows in use (under the lock)
 
 }  // namespace
 
@@ -119,71 +109,26 @@ void cloud_send(bool ok, int32_t result) noexcept {
 }
 
 void stats(const char *type, StatsWhat what) noexcept {
-    if (!type)
+    if (!type || what < 0 || what >= STATS_KINDS)
         return;
-    std::lock_guard<std::mutex> hold(stats_lock());
-    std::vector<StatsFigures> &rows = stats_rows();
-    StatsFigures *row = nullptr;
-    for (StatsFigures &r : rows) {
-        if (r.type == type) {
-            row = &r;
-            break;
-        }
-    }
-    if (!row) {
-        if (rows.size() >= kStatsTypesMax)
+    std::lock_guard<std::mutex> hold(g_stats_lock);
+    int row = 0;
+    while (row < g_stats_used && std::strncmp(g_stats[row].type, type, NMS_LEDGER_TYPE_LEN) != 0)
+        row++;
+    if (row == g_stats_used) {
+        if (row == NMS_LEDGER_STATS_TYPES)
             return;
-        try {
-            rows.push_back(StatsFigures{});
-            rows.back().type = type;
-        } catch (...) {
-            if (!rows.empty() && rows.back().type.empty())
-                rows.pop_back();
-            return;
-        }
-        row = &rows.back();
+        std::strncpy(g_stats[row].type, type, NMS_LEDGER_TYPE_LEN);
+        g_stats_used++;
     }
-    switch (what) {
-    case STATS_RUN: row->runs++; break;
-    case STATS_KILLED: row->killed++; break;
-    case STATS_FAILED: row->failed++; break;
-    case STATS_VALUE: row->values++; break;
-    }
+    g_stats[row].count[what]++;
 }
 
-std::vector<StatsFigures> stats_figures() {
-    std::lock_guard<std::mutex> hold(stats_lock());
-    return stats_rows();
-}
-
-void reset() noexcept {
-    for (List &l : g_lists) {
-        zero(l.in.accepted);
-        for (auto &c : l.in.refused)
-            zero(c);
-        zero(l.in.replaced);
-        zero(l.in.waits);
-        zero(l.in.wait_ms);
-        zero(l.in.clock);
-        for (auto &c : l.out.gone)
-            zero(c);
-        zero(l.out.batches_ok);
-        zero(l.out.batches_failed);
-        zero(l.out.last_batch_mono);
-        zero(l.out.last_batch_wall);
-        zero(l.out.last_batch_size);
-        zero(l.out.last_batch_result);
-        zero(l.out.last_batch_ok);
-    }
-    Link &k = g_link;
-    for (auto *c : {&k.bus_connects, &k.bus_reconnects, &k.online_since_mono, &k.online_since_wall,
-                    &k.sends_ok, &k.sends_failed, &k.last_ok_mono, &k.last_ok_wall,
-                    &k.last_fail_mono, &k.last_fail_wall})
-        zero(*c);
-    zero(k.online);
-    zero(k.last_fail_result);
-    std::lock_guard<std::mutex> hold(stats_lock());
-    stats_rows().clear();
+int stats_rows(StatsRow *rows, int max) noexcept {
+    std::lock_guard<std::mutex> hold(g_stats_lock);
+    int n = g_stats_used < max ? g_stats_used : max;
+    std::memcpy(rows, g_stats, sizeof(StatsRow) * static_cast<size_t>(n));
+    return n;
 }
 
 }  // namespace nms_ledger

@@ -16,8 +16,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <string>
-#include <vector>
 
 #define NMS_LEDGER_LISTS 8
 
@@ -109,13 +107,16 @@ struct alignas(64) Link {
 };
 
 // One statistics parameter type's commands.
-struct StatsFigures {
-    std::string type;
-    uint32_t runs = 0;       // value commands started
-    uint32_t killed = 0;     // ended by the time limit
-    uint32_t failed = 0;     // could not start, or printed no usable value
-    uint32_t values = 0;     // values put into reports
+#define NMS_LEDGER_STATS_TYPES 64   // types beyond this many are not counted
+#define NMS_LEDGER_TYPE_LEN 64
+enum StatsWhat { STATS_RUN, STATS_KILLED, STATS_FAILED, STATS_VALUE, STATS_KINDS };
+struct StatsRow {
+    char type[NMS_LEDGER_TYPE_LEN + 1];
+    uint32_t count[STATS_KINDS];   // runs: value commands started; killed: by the time limit;
+                                   // failed: could not start or printed no usable value;
+                                   // values: put into reports
 };
+extern const char *const stats_names[STATS_KINDS];
 
 List &list(int i) noexcept;   // 0..7; out-of-range indexes are clamped by callers' checks
 Link &link() noexcept;
@@ -154,10 +155,10 @@ void bus_connected(bool reconnect) noexcept;
 void link_state(int32_t online) noexcept;   // only on a change of state
 void cloud_send(bool ok, int32_t result) noexcept;
 
-// Statistics: by type name (short table under its own lock; commands run seconds apart).
-enum StatsWhat { STATS_RUN, STATS_KILLED, STATS_FAILED, STATS_VALUE };
+// Statistics: by type name (a short table under its own lock; commands run seconds apart).
 void stats(const char *type, StatsWhat what) noexcept;
-std::vector<StatsFigures> stats_figures();
+// Copies up to max rows into rows; returns how many.
+int stats_rows(StatsRow *rows, int max) noexcept;
 
 }  // namespace nms_ledger
 
@@ -166,9 +167,3 @@ inline void nms_ledger_cloud_send(int ret, int32_t result) noexcept {
     nms_ledger::cloud_send(ret == 0 && result == 0, result != 0 ? result : ret);
 }
 
-namespace nms_ledger {
-
-// Everything back to zero (tests; the daemon never resets).
-void reset() noexcept;
-
-}  // namespace nms_ledger

@@ -603,7 +603,6 @@ extern "C" void nms_event_debug_help(void) noexcept {
         "nms_event debug functions and variables:\r\n"
         "  print_list_node()                 -- print every buffered event of the eight lists\r\n"
         "  print_list_count()                -- print count and last insertion slot per list\r\n"
-        "  print_ledger()                    -- what became of every event, per list (table)\r\n"
         "  set_multil_call_cb_begin(0, list) -- report one list now\r\n"
         "  clean_one_list(1)                 -- drop the cloud's claim on buffered events\r\n"
         "  update_event_list_buf_timer()     -- reload the lists' settings\r\n"

@@ -6,18 +6,10 @@
 //                                  the bus connection; per statistics type its commands
 //   ubus call nms_report metrics   the counters alone, for collectors
 //
-// Both take no arguments and ignore any they are given. The debug shell prints the same as a
-// table (print_ledger).
+// Both take no arguments and ignore any they are given. `nms_dbg -l` prints status as a table.
 #pragma once
 
 #include <libubus.h>
 
 // The object; published beside nms_report_cache on the same connection.
 ubus_object *nms_status_object() noexcept;
-
-extern "C" {
-
-// Prints the ledger as a table on standard output (debug shell).
-void print_ledger(void) noexcept;
-
-}  // extern "C"
