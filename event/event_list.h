@@ -60,7 +60,9 @@ extern uac_mutex_t *gNmsEventNodeListLocker[NMS_EVENT_LIST_NUM];
 int init_event_node_list(void) noexcept;
 int init_event_node_from_event_info(nms_event_node *node, const nms_event_info *info) noexcept;
 int delete_event_node(nms_event_node *node, int *freed) noexcept;
-int _delete_node_from_list_force(int list, int slot) noexcept;   // caller holds the lock
+// Caller holds the lock, and books the departure in the ledger (this call does not: it serves
+// every way an event leaves).
+int _delete_node_from_list_force(int list, int slot) noexcept;
 int delete_node_from_list(int list, int slot) noexcept;
 int insert_node_to_list(int list, const nms_event_info *info, int replace) noexcept;
 int insert_node_to_list_by_policy(int list, const nms_event_info *info) noexcept;

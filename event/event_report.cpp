@@ -115,12 +115,29 @@ bool stats_hundreds(int32_t total) {
     return event_stats_print_on.load(std::memory_order_relaxed) && (total / 100) % 10 == 0;
 }
 
-}  // namespace
-
 // multil_call_remove_report_node_id, booking the events it deletes as how.
-int forget_batch(int32_t list, int32_t del, uint32_t mask, nms_departure how) noexcept;
-
-namespace {
+int forget_batch(int32_t list, int32_t del, uint32_t mask, nms_departure how) {
+    if (!(mask & 1u))
+        return -1;
+    if (!list_valid(list)) {
+        NMS_LOG_DEBUG("invalid params!!!");
+        return -1;
+    }
+    int *arr = report_node_id_arr[list];
+    int &cnt = report_node_id_cnt[list];
+    NMS_LOG_DEBUG("remove_report_node_id_cnt:%d list_id:%d", cnt, list);
+    if (!arr)
+        return -1;
+    if (del == 1) {
+        int deleted = 0;
+        nms_event_delete_nodes(list, cnt, arr, report_node_seq_arr[list], &deleted,
+                               static_cast<int>(mask), how);
+    }
+    // Entries from cnt on are -1 already.
+    std::fill_n(arr, std::min(cnt + 1, NMS_REPORT_NODE_ARR_LEN), -1);
+    cnt = 0;
+    return -1;
+}
 
 // The batch's end on every path but success: forget its ids without deleting, drop its text.
 int abandon_batch(uint32_t list, const nms_report_type *t, uac_mutex_t *lock) {
@@ -286,28 +303,6 @@ extern "C" int multil_call_remove_report_node_id(int32_t list, int32_t del,
     return forget_batch(list, del, mask, NMS_GONE_REMOVED);
 }
 
-int forget_batch(int32_t list, int32_t del, uint32_t mask, nms_departure how) noexcept {
-    if (!(mask & 1u))
-        return -1;
-    if (!list_valid(list)) {
-        NMS_LOG_DEBUG("invalid params!!!");
-        return -1;
-    }
-    int *arr = report_node_id_arr[list];
-    int &cnt = report_node_id_cnt[list];
-    NMS_LOG_DEBUG("remove_report_node_id_cnt:%d list_id:%d", cnt, list);
-    if (!arr)
-        return -1;
-    if (del == 1) {
-        int deleted = 0;
-        nms_event_delete_nodes(list, cnt, arr, report_node_seq_arr[list], &deleted,
-                               static_cast<int>(mask), how);
-    }
-    // Entries from cnt on are -1 already.
-    std::fill_n(arr, std::min(cnt + 1, NMS_REPORT_NODE_ARR_LEN), -1);
-    cnt = 0;
-    return -1;
-}
 
 extern "C" int multil_call_nms_event_report_handle(uint32_t list,
                                                    const nms_report_type *t) noexcept {
