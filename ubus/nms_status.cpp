@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 
 #include <libubox/blobmsg.h>
 
@@ -119,7 +120,7 @@ blob_buf g_buf;
 
 int answer(ubus_context *ctx, ubus_request_data *req, const char *method) noexcept {
     blob_buf_init(&g_buf, 0);
-    fill(&g_buf, method[0] == 'm');
+    fill(&g_buf, std::strcmp(method, "metrics") == 0);
     int ret = ubus_send_reply(ctx, req, g_buf.head);
     blob_buf_free(&g_buf);
     return ret == 0 ? UBUS_STATUS_OK : UBUS_STATUS_UNKNOWN_ERROR;

@@ -385,19 +385,15 @@ public:
             r.set_content("{\"code\":0}", kJson);
         });
         svr.Get("/api/device/metrics", [this](const httplib::Request &q, httplib::Response &r) {
-            int64_t since = 0;
-            if (q.has_param("since")) {
-                char *end = nullptr;
-                const std::string v = q.get_param_value("since");
-                since = std::strtoll(v.c_str(), &end, 10);
-                if (v.empty() || *end)
-                    return bad_request(r, "since must be a time in milliseconds");
-            }
+            unsigned long long since = 0;
+            if (q.has_param("since") &&
+                !parse_number(q.get_param_value("since").c_str(), 0, ~0ull, since))
+                return bad_request(r, "since must be a time in milliseconds");
             std::string out = "{\"now_ms\":" + std::to_string(now_ms()) + ",\"samples\":[";
             std::lock_guard<std::mutex> hold(metrics_mutex_);
             bool first = true;
             for (const auto &m : metrics_) {
-                if (m.first <= since)
+                if (static_cast<unsigned long long>(m.first) <= since)
                     continue;
                 out += (first ? "" : ",") + m.second;
                 first = false;

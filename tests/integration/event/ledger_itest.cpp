@@ -20,17 +20,13 @@
 using namespace std::chrono_literals;
 using itest::at;
 using itest::run;
+using itest::set_cloud_url;
 
 namespace {
 
 const char kEvents[] = "/nexo/devmsg/v1/reportDevEventMsg";
 const char kCloudsim[] = "http://127.0.0.1:8480";
 const char kNobody[] = "http://127.0.0.1:9";   // nothing listens: every send fails at once
-
-void set_cloud_url(const std::string &url)
-{
-    itest::write_file("/etc/config/info_report", "\nconfig cloud 'cloud'\n\toption url '" + url + "'\n");
-}
 
 // Lists hold their events for 600 s unless said otherwise; list 2 blocks its producer when
 // full, list 5 reports every second.

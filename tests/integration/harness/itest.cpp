@@ -85,6 +85,11 @@ const char *sandbox_dir()
     return d ? d : "/run/sandbox";
 }
 
+void set_cloud_url(const std::string &url)
+{
+    write_file("/etc/config/info_report", "\nconfig cloud 'cloud'\n\toption url '" + url + "'\n");
+}
+
 void install_identity_stand_in(const std::string &mac, const std::string &site_id)
 {
     mkdir("/tmp/standin", 0755);

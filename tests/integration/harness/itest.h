@@ -41,6 +41,10 @@ std::string console();
 // The sandbox's scratch folder (logs of the services it started).
 const char *sandbox_dir();
 
+// Points the reporting library at url (its settings, read on every send): tests move the cloud
+// while the daemon runs. The daemon must run without INFO_REPORT_URL, which wins over them.
+void set_cloud_url(const std::string &url);
+
 // Puts a `ubus` first on this process's PATH (in /tmp/standin) that answers the two
 // identity queries the daemon's reports make, as the device's services would:
 // `varnServer getInfo` with mac, `cloudclient get_site_id` with site_id; anything

@@ -77,8 +77,9 @@ std::map<std::string, std::string> parse_exposition(const std::string &text)
             continue;
         }
         const std::string name = m[1];
-        if (name.rfind("node_scrape_", 0) != 0)
+        if (name.rfind("node_scrape_", 0) != 0) {
             EXPECT_TRUE(typed.count(name)) << "no TYPE before " << line;
+        }
         std::string labels = m[3];
         std::set<std::string> parts;
         for (std::sregex_iterator it(labels.begin(), labels.end(), label), end; it != end; ++it)

@@ -21,15 +21,11 @@
 using namespace std::chrono_literals;
 using itest::read_file;
 using itest::run;
+using itest::set_cloud_url;
 
 namespace {
 
 const char kEvents[] = "/nexo/devmsg/v1/reportDevEventMsg";
-
-void set_cloud_url(const std::string &url)
-{
-    itest::write_file("/etc/config/info_report", "\nconfig cloud 'cloud'\n\toption url '" + url + "'\n");
-}
 
 pid_t start_daemon()
 {
