@@ -26,6 +26,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <malloc.h>
 #include <pthread.h>
 #include <unistd.h>

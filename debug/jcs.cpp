@@ -123,17 +123,19 @@ int bind_private(int fd, const char *path)
 
 int gettid_compat() { return static_cast<int>(syscall(SYS_gettid)); }
 
-// Copies a string member (at most max characters) into out; another type warns and
-// gives the empty text.
-void get_string(json_object *o, std::string *out, size_t max)
+// Copies a string member (at most max characters) into out, which holds max + 1; another
+// type warns and gives the empty text.
+void get_string(json_object *o, char *out, size_t max)
 {
     if (o && json_object_is_type(o, json_type_string)) {
         const char *s = json_object_get_string(o);
-        out->assign(s, strnlen(s, max));
+        size_t n = strnlen(s, max);
+        memcpy(out, s, n);
+        out[n] = '\0';
     } else {
         JCS_ERR_AT(kWorkTask, __LINE__,
                    "Warning: Get string with error obj or value type is unmatch.\n");
-        out->clear();
+        out[0] = '\0';
     }
 }
 
@@ -168,16 +170,16 @@ jcs_entry *find_entry(const char *name)
 
 // Sends a reply text to a client; a busy client gets a few seconds, then the reply is
 // dropped, as is any other failure.
-void send_reply(int fd, const std::string &path, const std::string &text)
+void send_reply(int fd, const char *path, const char *text)
 {
     sockaddr_un addr;
-    if (path.size() >= sizeof addr.sun_path)
+    if (strlen(path) >= sizeof addr.sun_path)
         return;
-    socklen_t len = make_addr(path.c_str(), &addr);
+    socklen_t len = make_addr(path, &addr);
+    const size_t size = strlen(text);
     int busy = 0;
     for (;;) {
-        ssize_t n = sendto(fd, text.data(), text.size(), 0,
-                           reinterpret_cast<sockaddr *>(&addr), len);
+        ssize_t n = sendto(fd, text, size, 0, reinterpret_cast<sockaddr *>(&addr), len);
         if (n >= 0)
             return;
         if (errno == EINTR)
@@ -338,60 +340,55 @@ int jcs_callback_register(const char *name, uint32_t op, jcs_callback_t callback
     return 0;
 }
 
-int jcs_handle_request(const char *text, std::string *reply_path,
-                       std::string *reply_text) noexcept
+int jcs_handle_request(const char *text, char *reply_path, char *reply_text) noexcept
 {
-    try {
-        JsonPtr req(json_tokener_parse(text));
-        if (!req) {
-            JCS_ERR_AT(kWorkTask, __LINE__, "Invalid json string: %s\n", text);
-            return JCS_REQ_INVALID;
-        }
-        // A member present with the value null counts as present (the callback gets null).
-        json_object *name_o = nullptr, *op_o = nullptr, *path_o = nullptr, *data = nullptr;
-        bool has_name = json_object_object_get_ex(req.get(), "name", &name_o);
-        bool has_op = json_object_object_get_ex(req.get(), "op", &op_o);
-        bool has_path = json_object_object_get_ex(req.get(), "clt_path", &path_o);
-        bool has_data = json_object_object_get_ex(req.get(), "data", &data);
-        if (!has_data || !has_op || !has_name) {
-            JCS_ERR_AT(kWorkTask, __LINE__, "Parse json string failed, no expected field.\n");
-            return JCS_REQ_DONE;
-        }
-        std::string path, name;
-        if (has_path)
-            get_string(path_o, &path, JCS_PATH_LEN - 1);
-        get_string(name_o, &name, JCS_NAME_LEN);
-        int op = get_op(op_o);
-        if (static_cast<unsigned>(op) > 3u) {
-            JCS_ERR_AT(kWorkTask, __LINE__, "Operation wrong, op=%d.\n", op);
-            return JCS_REQ_DONE;
-        }
-
-        JsonPtr reply(json_object_new_object());
-        jcs_entry *e = find_entry(name.c_str());
-        if (!e || !e->cb[op])
-            JCS_ERR_AT(kWorkTask, __LINE__, "No callback operation [name=%s,t=%d] registered.\n",
-                       name.c_str(), op);
-        else if (reply)
-            e->cb[op](data, reply.get());
-
-        if (!has_path || !reply)
-            return JCS_REQ_DONE;
-        const char *out = json_object_to_json_string_ext(reply.get(), kCompact);
-        if (!out)
-            return JCS_REQ_DONE;
-        if (strlen(out) > JCS_MSG_MAX) {
-            JCS_ERR_AT(kWorkTask, __LINE__, "Reply of %zu bytes is too long, dropped.\n",
-                       strlen(out));
-            return JCS_REQ_DONE;
-        }
-        *reply_path = path;
-        *reply_text = out;
-        return JCS_REQ_REPLY;
-    } catch (...) {
-        // Only allocation in std::string can throw here; the request is skipped.
+    JsonPtr req(json_tokener_parse(text));
+    if (!req) {
+        JCS_ERR_AT(kWorkTask, __LINE__, "Invalid json string: %s\n", text);
+        return JCS_REQ_INVALID;
+    }
+    // A member present with the value null counts as present (the callback gets null).
+    json_object *name_o = nullptr, *op_o = nullptr, *path_o = nullptr, *data = nullptr;
+    bool has_name = json_object_object_get_ex(req.get(), "name", &name_o);
+    bool has_op = json_object_object_get_ex(req.get(), "op", &op_o);
+    bool has_path = json_object_object_get_ex(req.get(), "clt_path", &path_o);
+    bool has_data = json_object_object_get_ex(req.get(), "data", &data);
+    if (!has_data || !has_op || !has_name) {
+        JCS_ERR_AT(kWorkTask, __LINE__, "Parse json string failed, no expected field.\n");
         return JCS_REQ_DONE;
     }
+    char path[JCS_PATH_LEN] = "";
+    char name[JCS_NAME_LEN + 1];
+    if (has_path)
+        get_string(path_o, path, JCS_PATH_LEN - 1);
+    get_string(name_o, name, JCS_NAME_LEN);
+    int op = get_op(op_o);
+    if (static_cast<unsigned>(op) > 3u) {
+        JCS_ERR_AT(kWorkTask, __LINE__, "Operation wrong, op=%d.\n", op);
+        return JCS_REQ_DONE;
+    }
+
+    JsonPtr reply(json_object_new_object());
+    jcs_entry *e = find_entry(name);
+    if (!e || !e->cb[op])
+        JCS_ERR_AT(kWorkTask, __LINE__, "No callback operation [name=%s,t=%d] registered.\n",
+                   name, op);
+    else if (reply)
+        e->cb[op](data, reply.get());
+
+    if (!has_path || !reply)
+        return JCS_REQ_DONE;
+    const char *out = json_object_to_json_string_ext(reply.get(), kCompact);
+    if (!out)
+        return JCS_REQ_DONE;
+    const size_t size = strlen(out);
+    if (size > JCS_MSG_MAX) {
+        JCS_ERR_AT(kWorkTask, __LINE__, "Reply of %zu bytes is too long, dropped.\n", size);
+        return JCS_REQ_DONE;
+    }
+    memcpy(reply_path, path, sizeof path);
+    memcpy(reply_text, out, size + 1);
+    return JCS_REQ_REPLY;
 }
 
 void *jcs_work_task(void *arg) noexcept
@@ -413,7 +410,8 @@ void *jcs_work_task(void *arg) noexcept
     timeval send_limit{1, 0};
     setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &send_limit, sizeof send_limit);
     UacBuf buf(static_cast<char *>(uac_malloc(JCS_MSG_MAX + 1)));
-    if (!buf) {
+    UacBuf reply_text(static_cast<char *>(uac_malloc(JCS_MSG_MAX + 1)));
+    if (!buf || !reply_text) {
         JCS_ERR("Malloc buffer failed.\n");
         return nullptr;
     }
@@ -450,12 +448,12 @@ void *jcs_work_task(void *arg) noexcept
 
         JCS_DBG("==========Process Start=========\n");
         JCS_DBG("Rcv json: %s\n", buf.get());
-        std::string reply_path, reply_text;
-        int r = jcs_handle_request(buf.get(), &reply_path, &reply_text);
+        char reply_path[JCS_PATH_LEN];
+        int r = jcs_handle_request(buf.get(), reply_path, reply_text.get());
         if (r == JCS_REQ_INVALID)
             continue;   // text that is not JSON is skipped before the request's end line
         if (r == JCS_REQ_REPLY)
-            send_reply(fd.get(), reply_path, reply_text);
+            send_reply(fd.get(), reply_path, reply_text.get());
         JCS_DBG("==========Process End=========\n\n\n");
     }
     return nullptr;

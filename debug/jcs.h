@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <string>
 
 struct json_object;
 
@@ -75,7 +74,7 @@ int jcs_test_callback_get(json_object *data, json_object *reply) noexcept;
 // callback. Exposed for tests and fuzzing. Results:
 constexpr int JCS_REQ_INVALID = -1;  // not JSON: skipped, no reply
 constexpr int JCS_REQ_DONE = 0;      // handled or refused (with its message); no reply
-constexpr int JCS_REQ_REPLY = 1;     // a reply is due: *reply_path and *reply_text hold
-                                     // the client's address and the reply's compact text
-int jcs_handle_request(const char *text, std::string *reply_path,
-                       std::string *reply_text) noexcept;
+constexpr int JCS_REQ_REPLY = 1;     // a reply is due: reply_path (JCS_PATH_LEN bytes) and
+                                     // reply_text (JCS_MSG_MAX + 1 bytes) hold the client's
+                                     // address and the reply's compact text
+int jcs_handle_request(const char *text, char *reply_path, char *reply_text) noexcept;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include <json-c/json.h>
@@ -39,11 +40,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (size > JCS_MSG_MAX)
         return 0;   // the server refuses those before they reach the handler
     std::string text(reinterpret_cast<const char *>(data), size);
-    std::string path, reply;
-    int r = jcs_handle_request(text.c_str(), &path, &reply);
+    static char path[JCS_PATH_LEN], reply[JCS_MSG_MAX + 1];
+    int r = jcs_handle_request(text.c_str(), path, reply);
     if (r == JCS_REQ_REPLY) {
-        json_object *o = json_tokener_parse(reply.c_str());
-        if (!o || path.size() >= JCS_PATH_LEN)
+        json_object *o = json_tokener_parse(reply);
+        if (!o || strnlen(path, JCS_PATH_LEN) >= JCS_PATH_LEN)
             abort();
         json_object_put(o);
     } else if (r != JCS_REQ_DONE && r != JCS_REQ_INVALID) {

@@ -37,7 +37,11 @@ Outcome handle(const std::string &text)
 {
     Outcome o;
     testing::internal::CaptureStdout();
-    o.result = jcs_handle_request(text.c_str(), &o.path, &o.reply);
+    static char path[JCS_PATH_LEN], reply[JCS_MSG_MAX + 1];
+    path[0] = reply[0] = '\0';
+    o.result = jcs_handle_request(text.c_str(), path, reply);
+    o.path = path;
+    o.reply = reply;
     o.printed = testing::internal::GetCapturedStdout();
     return o;
 }
