@@ -6,11 +6,18 @@
 #include <algorithm>
 #include <cstdio>
 #include <cctype>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <string>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#elif defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
 
 #include "event_config.h"
 #include "event_report.h"
@@ -245,35 +252,76 @@ private:
                 return nullptr;
         }
     }
-    // Eight bytes at a time over the plain part of a string: none of them a quote, a
-    // backslash or a control character (the word tests hold in either byte order).
-    // special() has a high bit set when one of the eight bytes ends the plain part; which
-    // one it does not tell (a borrow may mark a neighbour too), so the bytes of that word
-    // are then read one by one. Four words are tested with one branch.
-    static constexpr uint64_t kOnes = 0x0101010101010101ull, kHighs = 0x8080808080808080ull;
-    static uint64_t special(const char *p) {
-        uint64_t v;
+    // The plain part of a string (no quote, backslash or control character) is most of every
+    // event's params, and every event is checked: it is skipped 16 bytes at a time where the
+    // processor has vector instructions, else a machine word at a time (the word test holds
+    // in either byte order). special() has a high bit set when one of the word's bytes ends
+    // the plain part; which one it does not tell (a borrow may mark a neighbour too), so the
+    // bytes of that word are then read one by one.
+    using Word = unsigned long;
+    static constexpr Word kOnes = ~Word(0) / 0xff, kHighs = kOnes << 7;
+    static Word special(const char *p) {
+        Word v;
         std::memcpy(&v, p, sizeof v);
-        const uint64_t quote = v ^ (kOnes * '"'), slash = v ^ (kOnes * '\\');
+        const Word quote = v ^ (kOnes * '"'), slash = v ^ (kOnes * '\\');
         return ((quote - kOnes) & ~quote) | ((slash - kOnes) & ~slash) | ((v - kOnes * 0x20) & ~v);
     }
-    const char *string(const char *p) const {
-        for (p++; end_ - p >= 32; p += 32) {
-            if ((special(p) | special(p + 8) | special(p + 16) | special(p + 24)) & kHighs)
+    static bool plain(char c) {
+        return c != '"' && c != '\\' && static_cast<unsigned char>(c) >= 0x20;
+    }
+    // The first byte at or after p that is not plain, or end_.
+    const char *plain_run(const char *p) const {
+#if defined(__SSE2__)
+        const __m128i quote = _mm_set1_epi8('"'), slash = _mm_set1_epi8('\\');
+        const __m128i control_max = _mm_set1_epi8(0x1f);
+        // v <= 0x1f, unsigned: the smaller of v and 0x1f is v itself.
+        auto hits = [&](const char *at) {
+            const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(at));
+            return _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, slash)),
+                                _mm_cmpeq_epi8(_mm_min_epu8(v, control_max), v));
+        };
+        // 64 bytes a branch while nothing is found, then the block of 16 that holds it.
+        for (; end_ - p >= 64; p += 64) {
+            const __m128i any = _mm_or_si128(_mm_or_si128(hits(p), hits(p + 16)),
+                                             _mm_or_si128(hits(p + 32), hits(p + 48)));
+            if (_mm_movemask_epi8(any))
                 break;
         }
-        for (; end_ - p >= 8; p += 8) {
+        for (; end_ - p >= 16; p += 16) {
+            const int bits = _mm_movemask_epi8(hits(p));
+            if (bits)
+                return p + __builtin_ctz(static_cast<unsigned>(bits));
+        }
+#elif defined(__ARM_NEON)
+        const uint8x16_t quote = vdupq_n_u8('"'), slash = vdupq_n_u8('\\');
+        const uint8x16_t control_max = vdupq_n_u8(0x1f);
+        for (; end_ - p >= 16; p += 16) {
+            const uint8x16_t v = vld1q_u8(reinterpret_cast<const uint8_t *>(p));
+            const uint64x2_t hit = vreinterpretq_u64_u8(vorrq_u8(
+                vorrq_u8(vceqq_u8(v, quote), vceqq_u8(v, slash)), vcleq_u8(v, control_max)));
+            if (vgetq_lane_u64(hit, 0) | vgetq_lane_u64(hit, 1))
+                break;
+        }
+#endif
+        for (; end_ - p >= static_cast<std::ptrdiff_t>(sizeof(Word)); p += sizeof(Word)) {
             if (special(p) & kHighs)
                 break;
         }
-        for (; p < end_; p++) {
-            unsigned char c = static_cast<unsigned char>(*p);
+        while (p < end_ && plain(*p))
+            p++;
+        return p;
+    }
+    const char *string(const char *p) const {
+        for (p++;;) {
+            p = plain_run(p);
+            if (p == end_)
+                return nullptr;
+            const unsigned char c = static_cast<unsigned char>(*p);
             if (c == '"')
                 return p + 1;
             if (c < 0x20)
                 return nullptr;
-            if (c != '\\')
-                continue;
+            // A backslash: one escape, then plain text again.
             if (++p == end_)
                 return nullptr;
             if (*p == 'u') {
@@ -283,8 +331,8 @@ private:
             } else if (!std::strchr("\"\\/bfnrt", *p) || *p == '\0') {
                 return nullptr;
             }
+            p++;
         }
-        return nullptr;
     }
     const char *word(const char *p, const char *w) const {
         size_t n = std::strlen(w);

@@ -27,7 +27,7 @@ using namespace benchdev;
 
 // ---- what is measured and against what ----------------------------------------------------
 
-constexpr double kIngestRatioMin = 0.5;    // ingest rate / raw queue rate
+constexpr double kIngestRatioMin = 0.8;    // ingest rate / raw queue rate, each run (aim 0.9)
 constexpr double kDaemonTimeMax = 2.0;     // daemon time a message / raw receiver's
 constexpr double kP99LimitMs = 1500;       // send -> cloud, list 0
 constexpr double kIdleCpuLimitPct = 0.05;  // of one core
@@ -50,7 +50,7 @@ double full_lists_floor_mib()
 
 constexpr int kIdleSeconds = 30;
 constexpr double kSettleSeconds = 6;      // start-up's own work is over by then
-constexpr int kIngestRounds = 10;         // alternating raw and ingest rounds
+constexpr int kIngestRounds = 30;         // alternating raw and ingest rounds: six turns
 constexpr int kIngestPerRound = 5000;     // fits one list (6000) and one queue (7000)
 constexpr int kFirstIngestList = 3;       // lists 3..7: reported by time only, never here
 constexpr int kLatencyRate = 200;         // events per second
@@ -59,12 +59,18 @@ constexpr int kFillChunk = 500;           // keeps the queue backlog far below 5
 
 // ---- the limit: raw queue throughput ------------------------------------------------------
 
-// The limit: a second process that only receives, on a private queue of the same size.
+// The limit: a second process that only receives, on a private queue of the same size. The
+// daemon makes its queues with mode 0, so that every send and receive by root passes the
+// kernel's capability check; the limit's queue is made the same way. A 0600 queue, which
+// skips that check, is measured beside it for the record.
+constexpr int kDaemonQueueMode = 0;
+constexpr int kOpenQueueMode = 0600;
+
 class RawReceiver {
 public:
-    RawReceiver()
+    explicit RawReceiver(int mode = kDaemonQueueMode)
     {
-        qid_ = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+        qid_ = msgget(IPC_PRIVATE, IPC_CREAT | mode);
         msqid_ds st{};
         if (qid_ < 0 || msgctl(qid_, IPC_STAT, &st) != 0)
             return;
@@ -149,6 +155,8 @@ struct Results {
     double ingest_per_s = -1;
     double ingest_ratio = -1;      // median of the per-round ratios
     double ingest_ratio_total = -1;
+    double open_raw_per_s = -1;    // the raw pair on a 0600 queue
+    double open_ratio = -1;        // ingest against it, median of the rounds
     double raw_recv_ns = -1;       // receiver's processor time per message
     double ingest_ns = -1;         // daemon's processor time per message
     double flood_per_s = -1;       // into a full list under replace-oldest
@@ -208,19 +216,31 @@ BENCHMARK(BM_Idle)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 // measurement. Lists 3..7 take the rounds in turn (policy 1, one hour of buffering: nothing is
 // reported during the rounds); they are emptied with the bus's clean between turns.
 
-// One raw round and one ingest round of kIngestPerRound frames into list, added to the sums.
-struct Rounds {
-    std::vector<double> ratios;
-    double raw_s = 0, ingest_s = 0, raw_cpu = 0, ingest_cpu = 0;
+// One raw round of kIngestPerRound frames through queue, in seconds (-1: failed); the
+// receiver's processor time is added to cpu.
+double raw_round(RawReceiver &raw, Frame &f, double &cpu)
+{
+    raw.expect(kIngestPerRound);
+    int64_t r0 = mono_ns();
+    int64_t r1 = 0, rcpu = 0;
+    if (!send_frames(raw.qid(), f, kIngestPerRound) || !raw.collect(r1, rcpu))
+        return -1;
+    cpu += static_cast<double>(rcpu);
+    return static_cast<double>(r1 - r0) / 1e9;
+}
 
-    bool run(benchmark::State &state, RawReceiver &raw, int list)
+// One raw round and one ingest round of kIngestPerRound frames into list, added to the sums;
+// with open, a raw round on the 0600 queue as well.
+struct Rounds {
+    std::vector<double> ratios, open_ratios;
+    double raw_s = 0, ingest_s = 0, raw_cpu = 0, ingest_cpu = 0, open_s = 0, open_cpu = 0;
+
+    bool run(benchmark::State &state, RawReceiver &raw, int list, RawReceiver *open = nullptr)
     {
         Frame f = make_frame(list, kParamsMax);
-        raw.expect(kIngestPerRound);
-        int64_t r0 = mono_ns();
-        bool ok = send_frames(raw.qid(), f, kIngestPerRound);
-        int64_t r1 = 0, rcpu = 0;
-        ok = ok && raw.collect(r1, rcpu);
+        double os = open ? raw_round(*open, f, open_cpu) : 0;
+        double rs = raw_round(raw, f, raw_cpu);  // the limit, next to the ingest round
+        bool ok = rs > 0 && os >= 0;
 
         int qid = queue_of_list(list);
         int64_t c0 = gDaemon.cpu_ns();
@@ -230,13 +250,16 @@ struct Rounds {
         int64_t c1 = gDaemon.cpu_ns();
         if (!ok || i1 < 0)
             return false;
-        double rs = static_cast<double>(r1 - r0) / 1e9, is = static_cast<double>(i1 - i0) / 1e9;
+        double is = static_cast<double>(i1 - i0) / 1e9;
         state.SetIterationTime(is);
         raw_s += rs;
         ingest_s += is;
-        raw_cpu += static_cast<double>(rcpu);
         ingest_cpu += static_cast<double>(c1 - c0);
         ratios.push_back(rs / is);
+        if (open) {
+            open_s += os;
+            open_ratios.push_back(os / is);
+        }
         return true;
     }
     double events() const { return static_cast<double>(kIngestPerRound) * ratios.size(); }
@@ -244,8 +267,8 @@ struct Rounds {
 
 void BM_IngestVsRaw(benchmark::State &state)
 {
-    RawReceiver raw;
-    if (!raw.ok()) {
+    RawReceiver raw, open(kOpenQueueMode);
+    if (!raw.ok() || !open.ok()) {
         state.SkipWithError("no raw receiver");
         return;
     }
@@ -257,7 +280,7 @@ void BM_IngestVsRaw(benchmark::State &state)
     int round = 0;
     for (auto _ : state) {
         int list = kFirstIngestList + round % (kLists - kFirstIngestList);
-        if (!r.run(state, raw, list)) {
+        if (!r.run(state, raw, list, &open)) {
             state.SkipWithError("a round did not complete");
             return;
         }
@@ -282,6 +305,8 @@ void BM_IngestVsRaw(benchmark::State &state)
     gR.ingest_per_s = n / r.ingest_s;
     gR.ingest_ratio = median(r.ratios);
     gR.ingest_ratio_total = r.raw_s / r.ingest_s;
+    gR.open_raw_per_s = n / r.open_s;
+    gR.open_ratio = median(r.open_ratios);
     gR.raw_recv_ns = r.raw_cpu / n;
     gR.ingest_ns = r.ingest_cpu / n;
     state.counters["raw_per_s"] = gR.raw_per_s;
@@ -611,10 +636,13 @@ void print_summary()
     printf("%-44s %14s %14s %8s\n", "figure", "measured", "limit", "ratio");
     if (gR.raw_per_s > 0) {
         printf("%-44s %12.0f/s\n", "(a) raw msgsnd->msgrcv, 2 processes", gR.raw_per_s);
+        printf("%-44s %12.0f/s\n", "    the same on a 0600 queue", gR.open_raw_per_s);
         printf("%-44s %12.0f/s %12.0f/s %7.2f  median of rounds %.2f, target >= %.1f %s\n",
                "(b) ingest queue -> list", gR.ingest_per_s, gR.raw_per_s,
                gR.ingest_ratio_total, gR.ingest_ratio, kIngestRatioMin,
                verdict(gR.ingest_ratio >= kIngestRatioMin));
+        printf("%-44s %14s %12.0f/s %7.2f  median of rounds, against the 0600 queue\n",
+               "    against the 0600 queue", "", gR.open_raw_per_s, gR.open_ratio);
         printf("%-44s %11.2f us %11.2f us %7.2f  daemon / raw receiver, target <= %.1f %s\n",
                "    processor time per message", gR.ingest_ns / 1e3, gR.raw_recv_ns / 1e3,
                gR.ingest_ns / gR.raw_recv_ns, kDaemonTimeMax,

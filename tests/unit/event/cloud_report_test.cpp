@@ -249,8 +249,9 @@ TEST(StrictJson, PlainValuesNeedNoParseAndTheLibraryAgrees) {
     }
 }
 
-// Strings are read eight bytes at a time: a character that ends or breaks the string is found
-// at every position of a word, and bytes above 0x7f pass.
+// Strings are skipped 16 bytes or a word at a time: a character that ends or breaks the
+// string is found at every position of a block, bytes above 0x7f pass, and the fast skip
+// starts again after each escape.
 TEST(StrictJson, LongStringsAreReadAtEveryPosition) {
     // 80 characters: the 32-byte, the 8-byte and the byte-wise parts of the scan each meet
     // the marked character somewhere.
@@ -269,5 +270,19 @@ TEST(StrictJson, LongStringsAreReadAtEveryPosition) {
         body[at] = '\\';
         body[at + 1] = 'n';
         EXPECT_TRUE(json_text_is_strict(("\"" + body + "\"").c_str(), body.size() + 2));
+    }
+    for (char edge : {'\x20', '\x7f', '\x80', '\xff'}) {
+        std::string body(40, edge);
+        EXPECT_TRUE(json_text_is_strict(("\"" + body + "\"").c_str(), body.size() + 2)) << int(edge);
+    }
+    // After an escape the rest is read as fast as the start: what follows is still checked.
+    for (size_t at = 0; at < 40; at++) {
+        SCOPED_TRACE(at);
+        std::string body = "\\u00e9" + std::string(40, 'a') + "\\\"" + std::string(40, 'b');
+        EXPECT_TRUE(json_text_is_strict(("\"" + body + "\"").c_str(), body.size() + 2));
+        body[body.size() - 1 - at] = '\x1f';
+        EXPECT_FALSE(json_text_is_strict(("\"" + body + "\"").c_str(), body.size() + 2));
+        body[body.size() - 1 - at] = '"';
+        EXPECT_FALSE(json_text_is_strict(("\"" + body + "\"").c_str(), body.size() + 2));
     }
 }
