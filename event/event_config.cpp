@@ -14,8 +14,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_map>
-#include <vector>
 
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -132,36 +130,54 @@ struct UciFree {
 };
 using UciPtr = std::unique_ptr<uci_context, UciFree>;
 
-// The files a load of event_params reads, in the order libuci reads them.
-// Empty when they cannot be found out (no memory for a context); the cache is
-// then bypassed. Fixed for the life of the process.
-std::vector<std::string> find_watched_files()
+// The files a load of event_params reads, in the order libuci reads them. None when they
+// cannot be found out (no memory for a context, a path too long to keep); the cache is then
+// bypassed. Fixed for the life of the process.
+constexpr size_t kPathMax = 256;
+struct WatchedFiles {
+    char path[kMaxWatchedFiles][kPathMax];
+    size_t count = 0;
+};
+
+// Appends dir/kTypePackage; false when it does not fit.
+bool add_watched(WatchedFiles &files, const char *dir)
 {
-    std::vector<std::string> files;
+    if (files.count == kMaxWatchedFiles)
+        return false;  // more than we can key on: never cache
+    int n = snprintf(files.path[files.count], kPathMax, "%s/%s", dir, kTypePackage);
+    if (n < 0 || static_cast<size_t>(n) >= kPathMax)
+        return false;
+    files.count++;
+    return true;
+}
+
+WatchedFiles find_watched_files()
+{
+    WatchedFiles files;
     UciPtr ctx(uci_alloc_context());
     if (!ctx || init_specifyUciPath(ctx.get(), kTypePackage, kConfDir) != 0)
         return files;
-    files.push_back(std::string(kConfDir) + "/" + kTypePackage);
+    bool ok = add_watched(files, kConfDir);
     uci_element *e;
     uci_foreach_element(&ctx->delta_path, e) {
-        if (files.size() == kMaxWatchedFiles)
-            return {};  // more than we can key on: never cache
-        files.push_back(std::string(e->name) + "/" + kTypePackage);
+        ok = ok && add_watched(files, e->name);
     }
+    if (!ok)
+        files.count = 0;
     return files;
 }
 
-const std::vector<std::string> &watched_files()
+const WatchedFiles &watched_files()
 {
-    static const std::vector<std::string> files = find_watched_files();
+    static const WatchedFiles files = find_watched_files();
     return files;
 }
 
-FileId file_id(const std::string &path)
+FileId file_id(const char *path)
 {
     FileId id;
     struct stat st;
-    if (stat(path.c_str(), &st) != 0)
+    if (stat(path, &st) != 0)
         return id;  // missing or unreachable: a load would not read it either
     id.exists = true;
     id.dev = st.st_dev;
@@ -178,33 +194,40 @@ FileId file_id(const std::string &path)
 class SettingsWatch {
 public:
     // Sets up the watches; false when the kernel offers none, and then never true.
-    bool start(const std::vector<std::string> &files)
+    bool start(const WatchedFiles &files)
     {
         std::lock_guard<std::mutex> hold(mu_);
         if (fd_ >= 0)
             return true;
-        if (files.empty())
+        if (files.count == 0)
             return false;
         fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
         if (fd_ < 0)
             return false;
-        for (const std::string &f : files) {
-            size_t slash = f.rfind('/');
-            Dir d;
-            d.path = f.substr(0, slash);
-            name_ = f.substr(slash + 1);
+        for (size_t i = 0; i < files.count; i++) {
+            Dir &d = dirs_[ndirs_];
+            memcpy(d.path, files.path[i], kPathMax);
+            char *slash = strrchr(d.path, '/');
+            *slash = '\0';
             bool seen = false;
-            for (const Dir &o : dirs_)
-                seen = seen || o.path == d.path;
+            for (size_t j = 0; j < ndirs_; j++)
+                seen = seen || strcmp(dirs_[j].path, d.path) == 0;
             if (seen)
                 continue;
-            size_t up = d.path.rfind('/');
-            d.parent = up == 0 ? "/" : d.path.substr(0, up);
-            d.child = d.path.substr(up + 1);
-            dirs_.push_back(d);
+            const char *up = strrchr(d.path, '/');
+            if (!up) {  // a relative directory: its parent is where the daemon runs
+                d.child = d.path;
+                strcpy(d.parent, ".");
+            } else {
+                d.child = up + 1;
+                size_t n = up == d.path ? 1 : static_cast<size_t>(up - d.path);
+                memcpy(d.parent, d.path, n);
+                d.parent[n] = '\0';
+            }
+            ndirs_++;
         }
-        for (Dir &d : dirs_) {
-            if (!watch_dir(d)) {
+        for (size_t j = 0; j < ndirs_; j++) {
+            if (!watch_dir(dirs_[j])) {
                 close(fd_);
                 fd_ = -1;
                 return false;
@@ -237,9 +260,11 @@ public:
 
 private:
     struct Dir {
-        std::string path, parent, child;
-        int wd = -1;         // watch on the directory itself
-        int parent_wd = -1;  // watch on its parent while it does not exist
+        char path[kPathMax];    // the directory
+        char parent[kPathMax];  // and the one that holds it
+        const char *child;      // its name in the parent (inside path)
+        int wd = -1;            // watch on the directory itself
+        int parent_wd = -1;     // watch on its parent while it does not exist
     };
     static constexpr uint32_t kDirEvents = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE |
                                            IN_MOVED_TO | IN_MOVED_FROM | IN_ATTRIB |
@@ -249,15 +274,15 @@ private:
     // Watches d, or its parent while d is missing. False when neither can be watched.
     bool watch_dir(Dir &d)
     {
-        d.wd = inotify_add_watch(fd_, d.path.c_str(), kDirEvents);
+        d.wd = inotify_add_watch(fd_, d.path, kDirEvents);
         if (d.wd >= 0)
             return true;
-        d.parent_wd = inotify_add_watch(fd_, d.parent.c_str(), kParentEvents);
+        d.parent_wd = inotify_add_watch(fd_, d.parent, kParentEvents);
         if (d.parent_wd < 0)
             return false;
         // Made between the two calls: watch it after all.
-        if (access(d.path.c_str(), F_OK) == 0) {
-            d.wd = inotify_add_watch(fd_, d.path.c_str(), kDirEvents);
+        if (access(d.path, F_OK) == 0) {
+            d.wd = inotify_add_watch(fd_, d.path, kDirEvents);
             if (d.wd < 0)
                 return false;
         }
@@ -272,18 +297,19 @@ private:
             bump();  // notices were lost: assume a change
             return;
         }
-        for (Dir &d : dirs_) {
+        for (size_t j = 0; j < ndirs_; j++) {
+            Dir &d = dirs_[j];
             if (ev.wd == d.wd && d.wd >= 0) {
                 if (ev.mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) {
                     // The directory went away: wait for it again through its parent.
                     d.wd = -1;
                     bump();
                     watch_dir(d);
-                } else if (ev.len && name_ == ev.name) {
+                } else if (ev.len && strcmp(kTypePackage, ev.name) == 0) {
                     bump();
                 }
-            } else if (ev.wd == d.parent_wd && d.wd < 0 && ev.len && d.child == ev.name) {
-                d.wd = inotify_add_watch(fd_, d.path.c_str(), kDirEvents);
+            } else if (ev.wd == d.parent_wd && d.wd < 0 && ev.len && strcmp(d.child, ev.name) == 0) {
+                d.wd = inotify_add_watch(fd_, d.path, kDirEvents);
                 bump();  // it may already hold the file
             }
         }
@@ -291,8 +317,8 @@ private:
 
     std::mutex mu_;  // one reader of the notices at a time; guards the fields below
     int fd_ = -1;
-    std::string name_;
-    std::vector<Dir> dirs_;
+    Dir dirs_[kMaxWatchedFiles];
+    size_t ndirs_ = 0;
     std::atomic<uint64_t> gen_{1};
 };
 
@@ -301,17 +327,16 @@ SettingsWatch g_watch;
 // Set on a dispatch worker's thread: its receive loop reads the notices for it.
 thread_local bool t_loop_polls = false;
 
-// The string options of the package, keyed by "<section>\0<option>". A list
-// option is left out, as is everything of a package that fails to load, so
-// that a lookup fails exactly where a direct read fails.
-using TypeValues = std::unordered_map<std::string, std::string>;
+// The string options of the package, as records "<section>\0<option>\0<value>\0" in the
+// order of the package. A list option is left out, as is everything of a package that fails
+// to load, so that a lookup fails exactly where a direct read fails.
+using TypeValues = std::string;
 
-std::string value_key(const char *section, const char *option)
+void add_record(TypeValues &values, const char *section, const char *option, const char *value)
 {
-    std::string key(section);
-    key.push_back('\0');
-    key += option;
-    return key;
+    values.append(section, strlen(section) + 1);
+    values.append(option, strlen(option) + 1);
+    values.append(value, strlen(value) + 1);
 }
 
 // One silent load of the package into values. False when no context could be
@@ -331,10 +356,8 @@ bool load_type_values(TypeValues &values)
         uci_element *oe;
         uci_foreach_element(&s->options, oe) {
             uci_option *o = uci_to_option(oe);
-            if (o->type != UCI_TYPE_STRING)
-                continue;
-            // The first section and option of a name win, as in a lookup by name.
-            values.emplace(value_key(s->e.name, o->e.name), o->v.string);
+            if (o->type == UCI_TYPE_STRING)
+                add_record(values, s->e.name, o->e.name, o->v.string);
         }
     }
     return true;
@@ -356,26 +379,34 @@ TypeCache g_type_cache;
 enum class CacheRead { found, missing, unavailable };
 
 // Copies value into dst cut to dst_size - 1 characters, as a direct read does.
-void copy_cut(char *dst, size_t dst_size, const std::string &value)
+void copy_cut(char *dst, size_t dst_size, const char *value)
 {
-    size_t n = value.size() < dst_size - 1 ? value.size() : dst_size - 1;
-    memcpy(dst, value.data(), n);
+    size_t n = strnlen(value, dst_size - 1);
+    memcpy(dst, value, n);
     dst[n] = '\0';
 }
 
-// The value of section.option in values, or null when it has none.
-const std::string *find_value(const TypeValues &values, const char *section, const char *option)
+// The value of section.option in values, or null when it has none. The first section and
+// option of a name win, as in a lookup by name.
+const char *find_value(const TypeValues &values, const char *section, const char *option)
 {
-    auto it = values.find(value_key(section, option));
-    return it == values.end() ? nullptr : &it->second;
+    const char *at = values.data(), *end = at + values.size();
+    while (at < end) {
+        const char *opt = at + strlen(at) + 1;
+        const char *value = opt + strlen(opt) + 1;
+        if (strcmp(at, section) == 0 && strcmp(opt, option) == 0)
+            return value;
+        at = value + strlen(value) + 1;
+    }
+    return nullptr;
 }
 
 // A query's answer from the value found for it (null: none).
-CacheRead answer(const std::string *value, char *dst, size_t dst_size)
+CacheRead answer(const char *value, char *dst, size_t dst_size)
 {
     if (!value)
         return CacheRead::missing;
-    copy_cut(dst, dst_size, *value);
+    copy_cut(dst, dst_size, value);
     return CacheRead::found;
 }
 
@@ -388,7 +419,7 @@ struct TypeMemo {
     char section[16] = {};
     char option[32] = {};
     bool found = false;
-    std::string value;
+    char value[24] = {};  // the options asked for per event are short: longer ones are not kept
 };
 constexpr size_t kTypeMemos = 16;
 thread_local std::array<TypeMemo, kTypeMemos> t_memo;
@@ -403,9 +434,10 @@ TypeMemo *memo_find(uint64_t gen, const char *section, const char *option)
     return nullptr;
 }
 
-void memo_keep(uint64_t gen, const char *section, const char *option, const std::string *value)
+void memo_keep(uint64_t gen, const char *section, const char *option, const char *value)
 {
-    if (strlen(section) >= sizeof(TypeMemo::section) || strlen(option) >= sizeof(TypeMemo::option))
+    if (strlen(section) >= sizeof(TypeMemo::section) || strlen(option) >= sizeof(TypeMemo::option) ||
+        (value && strlen(value) >= sizeof(TypeMemo::value)))
         return;
     TypeMemo &m = t_memo[t_memo_next++ % kTypeMemos];
     m.used = true;
@@ -413,14 +445,14 @@ void memo_keep(uint64_t gen, const char *section, const char *option, const std:
     strcpy(m.section, section);
     strcpy(m.option, option);
     m.found = value != nullptr;
-    m.value = value ? *value : std::string();
+    strcpy(m.value, value ? value : "");
 }
 
 CacheRead cached_type_option(const char *section, const char *option, char *dst,
                              size_t dst_size)
 {
-    const std::vector<std::string> &files = watched_files();
-    if (files.empty())
+    const WatchedFiles &files = watched_files();
+    if (files.count == 0)
         return CacheRead::unavailable;
     static const bool watching = g_watch.start(files);
     // Taken before any load, so values loaded later are never older than it:
@@ -432,15 +464,15 @@ CacheRead cached_type_option(const char *section, const char *option, char *dst,
             g_watch.poll();
         gen = g_watch.generation();
         if (const TypeMemo *m = memo_find(gen, section, option))
-            return answer(m->found ? &m->value : nullptr, dst, dst_size);
+            return answer(m->found ? m->value : nullptr, dst, dst_size);
     } else {
-        for (const std::string &f : files)
-            now.ids[now.count++] = file_id(f);
+        for (size_t i = 0; i < files.count; i++)
+            now.ids[now.count++] = file_id(files.path[i]);
     }
     {
         std::lock_guard<std::mutex> hold(g_type_cache.mu);
         if (g_type_cache.loaded && g_type_cache.gen == gen && g_type_cache.key == now) {
-            const std::string *value = find_value(g_type_cache.values, section, option);
+            const char *value = find_value(g_type_cache.values, section, option);
             if (watching)
                 memo_keep(gen, section, option, value);
             return answer(value, dst, dst_size);
