@@ -16,23 +16,25 @@ constexpr Fold kEmpty = kNone;   // a run with no node: the fold's identity
 
 int next_slot(int slot) { return (slot + 1) % NMS_EVENT_LIST_SLOTS; }
 
-Fold leaf(nms_event_node *const *slots, int slot) {
+}  // namespace
+
+// The stamps are read from the index's own copy: the nodes lie all over the heap, and a
+// choice and two updates an event compare some 80 of them.
+Fold Index::leaf(nms_event_node *const *slots, int slot) const noexcept {
     if (slot >= NMS_EVENT_LIST_SLOTS || !slots[slot])
         return kEmpty;
-    return slots[slot]->time == 0 ? (kZero | kNone) : static_cast<Fold>(slot);
+    return time_[slot] == 0 ? (kZero | kNone) : static_cast<Fold>(slot);
 }
 
 // a, then b. A node stamped 0 in b cuts off a; otherwise the smaller stamp wins and on equal
 // stamps the earlier run (a).
-Fold combine(nms_event_node *const *slots, Fold a, Fold b) {
+Fold Index::combine(Fold a, Fold b) const noexcept {
     if (b & kZero)
         return b;
     Fold x = a & kNone, y = b & kNone;
-    Fold pick = x == kNone ? y : y == kNone ? x : slots[y]->time < slots[x]->time ? y : x;
+    Fold pick = x == kNone ? y : y == kNone ? x : time_[y] < time_[x] ? y : x;
     return static_cast<Fold>((a & kZero) | pick);
 }
-
-}  // namespace
 
 int by_walk(nms_event_node *const *slots, int cur_pos, int replace) noexcept {
     const nms_event_node *victim = nullptr;
@@ -54,20 +56,23 @@ static_assert(NMS_EVENT_LIST_SLOTS <= Index::kLeaves && Index::kLeaves - 1 <= kN
               "every slot is a leaf, and a slot number fits beside the zero flag");
 
 Index::Index(nms_event_node *const *slots) noexcept {
+    for (int slot = 0; slot < NMS_EVENT_LIST_SLOTS; slot++)
+        time_[slot] = slots[slot] ? slots[slot]->time : 0;
     fold_[0] = kEmpty;
     for (int k = kLeaves - 1; k >= 1; k--) {
         Fold l = 2 * k >= kLeaves ? leaf(slots, 2 * k - kLeaves) : fold_[2 * k];
         Fold r = 2 * k + 1 >= kLeaves ? leaf(slots, 2 * k + 1 - kLeaves) : fold_[2 * k + 1];
-        fold_[k] = combine(slots, l, r);
+        fold_[k] = combine(l, r);
     }
 }
 
 void Index::changed(nms_event_node *const *slots, int slot) noexcept {
     if (slot < 0 || slot >= NMS_EVENT_LIST_SLOTS)
         return;
+    time_[slot] = slots[slot] ? slots[slot]->time : 0;
     int k = (slot + kLeaves) / 2;
     // The lowest inner node has two leaves below it.
-    Fold v = combine(slots, leaf(slots, 2 * k - kLeaves), leaf(slots, 2 * k + 1 - kLeaves));
+    Fold v = combine(leaf(slots, 2 * k - kLeaves), leaf(slots, 2 * k + 1 - kLeaves));
     for (;;) {
         // A fold that came out as before, and names a slot other than this one (whose node
         // and so whose stamp may be new), leaves every fold above it as it was.
@@ -77,7 +82,7 @@ void Index::changed(nms_event_node *const *slots, int slot) noexcept {
         if (k == 1)
             return;
         k /= 2;
-        v = combine(slots, fold_[2 * k], fold_[2 * k + 1]);
+        v = combine(fold_[2 * k], fold_[2 * k + 1]);
     }
 }
 
@@ -88,16 +93,16 @@ int Index::choose(nms_event_node *const *slots, int cur_pos) const noexcept {
         Fold left = kEmpty, right = kEmpty;
         for (int l = lo + kLeaves, r = hi + kLeaves; l < r; l /= 2, r /= 2) {
             if (l & 1)
-                left = combine(slots, left, node(l++));
+                left = combine(left, node(l++));
             if (r & 1)
-                right = combine(slots, node(--r), right);
+                right = combine(node(--r), right);
         }
-        return combine(slots, left, right);
+        return combine(left, right);
     };
     const int first = next_slot(cur_pos);
     // The walk: first .. 5999, 0 .. first - 1, then first once more.
-    Fold all = combine(slots, range(first, NMS_EVENT_LIST_SLOTS), range(0, first));
-    all = combine(slots, all, leaf(slots, first));
+    Fold all = combine(range(first, NMS_EVENT_LIST_SLOTS), range(0, first));
+    all = combine(all, leaf(slots, first));
     Fold victim = all & kNone;
     return victim == kNone ? -1 : victim;
 }

@@ -33,11 +33,16 @@ public:
     // The choice of by_walk(slots, cur_pos, 1).
     int choose(nms_event_node *const *slots, int cur_pos) const noexcept;
 
-    // Inner nodes of a tree over 8192 leaves, 2 bytes each: 16 KiB a list that uses it.
+    // Inner nodes of a tree over 8192 leaves, 2 bytes each, and a copy of the 6000 stamps:
+    // 64 KiB a list that uses it.
     static constexpr int kLeaves = 8192;
 
 private:
+    uint16_t leaf(nms_event_node *const *slots, int slot) const noexcept;
+    uint16_t combine(uint16_t a, uint16_t b) const noexcept;
+
     uint16_t fold_[kLeaves];  // [1, kLeaves): inner nodes; leaves are read from the slots
+    uint64_t time_[NMS_EVENT_LIST_SLOTS];  // the stamp of each slot's node (0 when empty)
 };
 
 }  // namespace nms_event_victim
