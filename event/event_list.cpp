@@ -32,6 +32,11 @@ namespace {
 nms_event_list g_lists[NMS_EVENT_LIST_NUM];
 // Per list, the index of replacement victims while the list has one (under the list's lock).
 nms_event_victim::Index *g_victims[NMS_EVENT_LIST_NUM];
+// The slot of a replacement's victim whose index update waits for the new node (kNoSlot: none
+// waits; kDeferring: the next emptied slot will). Under the list's lock.
+constexpr int kNoSlot = -1, kDeferring = -2;
+int g_victim_slot[NMS_EVENT_LIST_NUM] = {kNoSlot, kNoSlot, kNoSlot, kNoSlot,
+                                         kNoSlot, kNoSlot, kNoSlot, kNoSlot};
 
 constexpr int kPolicyBlock = 2;  // full-buffer policy that blocks the producer
 
@@ -127,6 +132,10 @@ void slot_changed(int list, int slot) {
     nms_event_victim::Index *&index = g_victims[list];
     if (!index)
         return;
+    if (g_victim_slot[list] == kDeferring) {
+        g_victim_slot[list] = slot;
+        return;
+    }
     if (g_lists[list].count.load(std::memory_order_relaxed) == 0) {
         delete index;
         index = nullptr;
@@ -134,6 +143,19 @@ void slot_changed(int list, int slot) {
     }
     index->changed(g_lists[list].slots, slot);
 }
+
+// A replacement's victim brings the index up to date once the new node is in, or the insertion
+// has failed: the new node nearly always takes the victim's slot, and one pass up the tree then
+// does for both changes. Caller holds the lock.
+struct VictimUpdate {
+    int list;
+    ~VictimUpdate() {
+        const int slot = g_victim_slot[list];
+        g_victim_slot[list] = kNoSlot;
+        if (slot >= 0)
+            slot_changed(list, slot);
+    }
+};
 
 // First empty slot at or after cur_pos + 1, or -1. Caller holds the lock.
 int find_free_slot(int list) {
@@ -281,6 +303,7 @@ extern "C" int insert_node_to_list(int list, const nms_event_info *info, int rep
     }
     nms_event_list &l = g_lists[list];
     NmsEventHold hold(l.lock);
+    VictimUpdate victim_update{list};
 
     if (l.count.load(std::memory_order_relaxed) > NMS_EVENT_LIST_FULL) {
         if (replace == 0) {
@@ -289,7 +312,11 @@ extern "C" int insert_node_to_list(int list, const nms_event_info *info, int rep
             return -1;
         }
         int victim = find_oldest(list, replace);
-        if (victim < 0 || _delete_node_from_list_force(list, victim) != 0) {
+        g_victim_slot[list] = kDeferring;
+        const int deleted = victim < 0 ? -1 : _delete_node_from_list_force(list, victim);
+        if (g_victim_slot[list] == kDeferring)  // nothing to defer: no index, or no deletion
+            g_victim_slot[list] = kNoSlot;
+        if (deleted != 0) {
             NMS_LOG_ERROR("list:%d can't find olddest node or delete it failed, may lost this "
                           "event!!!\n",
                           list);
@@ -330,6 +357,8 @@ extern "C" int insert_node_to_list(int list, const nms_event_info *info, int rep
     if (l.next_seq == 0)
         l.next_seq = 1;
     l.count.store(l.count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    if (g_victim_slot[list] == slot)
+        g_victim_slot[list] = kNoSlot;  // this update covers the victim's too
     slot_changed(list, slot);
     l.cur_pos.store(slot, std::memory_order_relaxed);
     NMS_LOG_DEBUG("insert %d list pos %d ", list, slot);

@@ -20,7 +20,7 @@ int next_slot(int slot) { return (slot + 1) % NMS_EVENT_LIST_SLOTS; }
 
 // The stamps are read from the index's own copy: the nodes lie all over the heap, and a
 // choice and two updates an event compare some 80 of them.
-Fold Index::leaf(nms_event_node *const *slots, int slot) const noexcept {
+inline Fold Index::leaf(nms_event_node *const *slots, int slot) const noexcept {
     if (slot >= NMS_EVENT_LIST_SLOTS || !slots[slot])
         return kEmpty;
     return time_[slot] == 0 ? (kZero | kNone) : static_cast<Fold>(slot);
@@ -28,7 +28,7 @@ Fold Index::leaf(nms_event_node *const *slots, int slot) const noexcept {
 
 // a, then b. A node stamped 0 in b cuts off a; otherwise the smaller stamp wins and on equal
 // stamps the earlier run (a).
-Fold Index::combine(Fold a, Fold b) const noexcept {
+inline Fold Index::combine(Fold a, Fold b) const noexcept {
     if (b & kZero)
         return b;
     Fold x = a & kNone, y = b & kNone;
@@ -100,8 +100,17 @@ int Index::choose(nms_event_node *const *slots, int cur_pos) const noexcept {
         return combine(left, right);
     };
     const int first = next_slot(cur_pos);
-    // The walk: first .. 5999, 0 .. first - 1, then first once more.
-    Fold all = combine(range(first, NMS_EVENT_LIST_SLOTS), range(0, first));
+    // With no node stamped 0 the choice is the smallest stamp, the first of equals from
+    // `first` on. The root names the first of equals from slot 0: when that is at or after
+    // `first`, no equal lies between them, and it is the choice (what a flood meets: the
+    // oldest events follow the last insertion).
+    const Fold root = fold_[1];
+    if (!(root & kZero) && (root & kNone) != kNone && (root & kNone) >= first)
+        return root & kNone;
+    // The walk: first .. 5999, 0 .. first - 1, then first once more. The leaves past the last
+    // slot are empty, so the first part is a suffix of the tree's leaves and the second a
+    // prefix: each gathers folds on one side only.
+    Fold all = combine(range(first, kLeaves), range(0, first));
     all = combine(all, leaf(slots, first));
     Fold victim = all & kNone;
     return victim == kNone ? -1 : victim;

@@ -163,6 +163,8 @@ struct Results {
     double flood_raw_per_s = -1;
     double flood_ratio = -1;
     double flood_ns = -1;
+    double flood_ingest_ratio = -1;  // ordinary ingest in the rounds between the flood's
+    double flood_ingest_ns = -1;
     double bare_ratio = -1;        // ingest ratio without the ledger's per-event work
     double ledger_ratio = -1;      // and with it, in the same run
     double ledger_paired = -1;     // median over the turns of with / without
@@ -320,7 +322,11 @@ BENCHMARK(BM_IngestVsRaw)->Iterations(kIngestRounds)->UseManualTime()->Unit(benc
 // ---- (b') a flood into a full list under replace-oldest, against the same limit -------------
 //
 // List 7 (policy 1) is filled to its 6000 slots first; then every event of a round replaces
-// the oldest one, which is what a list does while a device is in trouble.
+// the oldest one, which is what a list does while a device is in trouble. Each flood round is
+// followed by an ordinary ingest round into one of lists 3..6, both with their raw rounds, so
+// that the two ratios meet the same machine: the raw pair runs measurably faster while the
+// daemon's memory stays put than while it grows, which separate phases would credit to one
+// of them. After a turn over lists 3..6 everything is cleaned and list 7 filled again.
 
 // The queue is seen empty as the worker takes its last message, before that is stored.
 bool list_reaches(int list, int count)
@@ -335,34 +341,54 @@ bool list_reaches(int list, int count)
 
 void BM_FloodFullVsRaw(benchmark::State &state)
 {
-    RawReceiver raw;
-    const int list = kLists - 1;
-    int qid = queue_of_list(list);
-    Frame f = make_frame(list, kParamsMax);
-    if (!raw.ok() || qid < 0 || !Daemon::bus("clean_cache") ||
-        !send_frames(qid, f, kListSlots) || wait_queue_empty(qid, 60s) < 0 ||
-        !list_reaches(list, kListSlots)) {
+    RawReceiver raw, open(kOpenQueueMode);
+    const int full = kLists - 1;
+    const int others = full - kFirstIngestList;  // lists 3..6
+    int qid = queue_of_list(full);
+    Frame f = make_frame(full, kParamsMax);
+    auto refill = [&] {
+        return Daemon::bus("clean_cache") && send_frames(qid, f, kListSlots) &&
+               wait_queue_empty(qid, 60s) >= 0 && list_reaches(full, kListSlots);
+    };
+    if (!raw.ok() || !open.ok() || qid < 0 || !refill()) {
         state.SkipWithError("list 7 could not be filled");
         return;
     }
-    Rounds r;
+    Rounds flood, ingest;
+    int round = 0;
     for (auto _ : state) {
-        if (!r.run(state, raw, list)) {
+        if (!flood.run(state, raw, full, &open) ||
+            !ingest.run(state, raw, kFirstIngestList + round % others, &open)) {
             state.SkipWithError("a round did not complete");
             return;
         }
+        if (++round % others == 0) {
+            state.PauseTiming();
+            bool kept = list_reaches(full, kListSlots);
+            for (int l = kFirstIngestList; l < full; l++)
+                kept = kept && Daemon::list_count(l) == kIngestPerRound;
+            kept = kept && refill();
+            state.ResumeTiming();
+            if (!kept) {
+                state.SkipWithError("a list lost or gained events");
+                return;
+            }
+        }
     }
-    if (!list_reaches(list, kListSlots) || !Daemon::bus("clean_cache")) {
-        state.SkipWithError("the full list lost or gained events");
+    if (!Daemon::bus("clean_cache")) {
+        state.SkipWithError("clean_cache failed");
         return;
     }
-    double n = r.events();
-    gR.flood_per_s = n / r.ingest_s;
-    gR.flood_raw_per_s = n / r.raw_s;
-    gR.flood_ratio = median(r.ratios);
-    gR.flood_ns = r.ingest_cpu / n;
+    double n = flood.events();
+    gR.flood_per_s = n / flood.ingest_s;
+    gR.flood_raw_per_s = n / flood.raw_s;
+    gR.flood_ratio = median(flood.ratios);
+    gR.flood_ns = flood.ingest_cpu / n;
+    gR.flood_ingest_ratio = median(ingest.ratios);
+    gR.flood_ingest_ns = ingest.ingest_cpu / ingest.events();
     state.counters["flood_per_s"] = gR.flood_per_s;
     state.counters["ratio"] = gR.flood_ratio;
+    state.counters["ingest_ratio"] = gR.flood_ingest_ratio;
     state.counters["flood_ns_msg"] = gR.flood_ns;
 }
 BENCHMARK(BM_FloodFullVsRaw)->Iterations(kIngestRounds)->UseManualTime()->Unit(benchmark::kMillisecond);
@@ -649,11 +675,12 @@ void print_summary()
                verdict(gR.ingest_ns <= kDaemonTimeMax * gR.raw_recv_ns));
     }
     if (gR.flood_per_s > 0)
-        printf("%-44s %12.0f/s %12.0f/s %7.2f  median of rounds, target >= (b) %.2f %s "
-               "(%.2f us a message)\n",
+        printf("%-44s %12.0f/s %12.0f/s %7.2f  median of rounds, target >= ingest between "
+               "them %.2f %s (%.2f against %.2f us a message)\n",
                "(b') flood into a full policy-1 list", gR.flood_per_s, gR.flood_raw_per_s,
-               gR.flood_ratio, gR.ingest_ratio, verdict(gR.flood_ratio >= gR.ingest_ratio),
-               gR.flood_ns / 1e3);
+               gR.flood_ratio, gR.flood_ingest_ratio,
+               verdict(gR.flood_ratio >= gR.flood_ingest_ratio), gR.flood_ns / 1e3,
+               gR.flood_ingest_ns / 1e3);
     if (gR.bare_ratio > 0)
         printf("%-44s %14.2f %14.2f %7.3f  with / without, paired by turn %.3f, target >= %.2f "
                "%s (%.2f against %.2f us a message)\n",

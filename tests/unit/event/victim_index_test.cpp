@@ -108,6 +108,32 @@ TEST(VictimIndex, TheWalksOwnRulesAtTheFirstSlot) {
     EXPECT_EQ(victim::by_walk(s.slots, 1, 2), -1);
 }
 
+// The shape a flood gives a full list: stamps that grow in insertion order, in runs of equal
+// stamps (events of the same millisecond), one of which crosses the end of the ring. Each
+// victim is taken and its slot refilled with the newest stamp, as an insertion does.
+TEST(VictimIndex, AFloodTakesTheOldestAfterTheLastInsertion) {
+    for (int start : {0, 1, 2999, NMS_EVENT_LIST_SLOTS - 3}) {
+        Slots s;
+        uint64_t seq = 0;
+        auto stamp = [&seq] { return 100 + seq++ / 7; };
+        for (int i = 0; i < NMS_EVENT_LIST_SLOTS; i++)
+            s.put((start + i) % NMS_EVENT_LIST_SLOTS, stamp(), 1);
+        victim::Index index(s.slots);
+        int cur_pos = (start + NMS_EVENT_LIST_SLOTS - 1) % NMS_EVENT_LIST_SLOTS;
+        for (int round = 0; round < 3 * NMS_EVENT_LIST_SLOTS; round++) {
+            int v = index.choose(s.slots, cur_pos);
+            ASSERT_EQ(v, victim::by_walk(s.slots, cur_pos, 1)) << "start " << start << " round "
+                                                               << round;
+            ASSERT_EQ(v, (cur_pos + 1) % NMS_EVENT_LIST_SLOTS);
+            s.slots[v] = nullptr;
+            index.changed(s.slots, v);
+            s.put(v, stamp(), 1);
+            index.changed(s.slots, v);
+            cur_pos = v;
+        }
+    }
+}
+
 class VictimOfAFullList : public EventTest {};
 
 // Through the list itself: a flood into a full list with deletions in between, each victim
