@@ -274,8 +274,9 @@ private:
 #if defined(__SSE2__)
         const __m128i quote = _mm_set1_epi8('"'), slash = _mm_set1_epi8('\\');
         const __m128i control_max = _mm_set1_epi8(0x1f);
-        // v <= 0x1f, unsigned: the smaller of v and 0x1f is v itself.
-        auto hits = [&](const char *at) {
+        // v <= 0x1f, unsigned: the smaller of v and 0x1f is v itself. Inlined even at -Os (the
+        // package build), which would otherwise make a call of every 16 bytes.
+        auto hits = [&](const char *at) __attribute__((always_inline)) {
             const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(at));
             return _mm_or_si128(_mm_or_si128(_mm_cmpeq_epi8(v, quote), _mm_cmpeq_epi8(v, slash)),
                                 _mm_cmpeq_epi8(_mm_min_epu8(v, control_max), v));
