@@ -9,7 +9,9 @@
 
 #include <libubus.h>
 #include <libubox/blobmsg.h>
+extern "C" {
 #include <libubox/blobmsg_json.h>
+}
 #include <libubox/uloop.h>
 
 #include <httplib.h>

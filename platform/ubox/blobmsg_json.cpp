@@ -1,5 +1,7 @@
 // blobmsg_json.cpp - JSON text to blobmsg and back, through json-c.
+extern "C" {
 #include <libubox/blobmsg_json.h>
+}
 
 #include <cinttypes>
 #include <cstdint>

@@ -22,7 +22,9 @@
 #include <unistd.h>
 
 #include <libubox/blobmsg.h>
+extern "C" {
 #include <libubox/blobmsg_json.h>
+}
 #include <libubus.h>
 
 namespace {

@@ -12,7 +12,9 @@
 #include <sys/stat.h>
 
 #include <libubox/blobmsg.h>
+extern "C" {
 #include <libubox/blobmsg_json.h>
+}
 
 namespace ubusd_acl {
 

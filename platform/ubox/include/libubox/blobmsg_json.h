@@ -6,9 +6,9 @@
 
 #include "blobmsg.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+/* As upstream's, this header has no extern "C" block of its own, and libubus.h (which has one)
+ * does not include it: C++ includes it inside one, or links against mangled names that
+ * upstream's library does not have. */
 
 struct json_object;
 
@@ -56,9 +56,5 @@ static inline char *blobmsg_format_json_value_indent(struct blob_attr *attr, int
 {
 	return blobmsg_format_json_value_with_cb(attr, NULL, NULL, indent);
 }
-
-#ifdef __cplusplus
-}
-#endif
 
 #endif /* LIBUBOX_BLOBMSG_JSON_H */

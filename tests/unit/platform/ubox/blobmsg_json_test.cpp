@@ -1,6 +1,8 @@
 // blobmsg_json_test.cpp - JSON to blobmsg and back: the type mapping, the
 // compact and indented texts, and random trees that must survive the trip.
+extern "C" {
 #include <libubox/blobmsg_json.h>
+}
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,8 @@
 // ubus_test.cpp - the client library against a real broker started on a
 // socket in a temporary folder of the build tree.
+extern "C" {
 #include <libubox/blobmsg_json.h>
+}
 #include <libubus.h>
 
 #include <gtest/gtest.h>
