@@ -5,10 +5,12 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace {
@@ -48,6 +50,47 @@ void cut_back(const char *path, off_t size)
                        strerror(errno));
 }
 
+// Bytes a write into dir can still take: the file system's free blocks, and what the last
+// block of file (when given and present) has left. -1 when unknown.
+long long room_in(const char *dir, const char *file)
+{
+    struct statvfs fs;
+    if (statvfs(dir, &fs) != 0)
+        return -1;
+    long long room = static_cast<long long>(fs.f_bavail) * static_cast<long long>(fs.f_frsize);
+    struct stat st;
+    if (file && stat(file, &st) == 0) {
+        const long long allocated = static_cast<long long>(st.st_blocks) * 512;
+        if (allocated > st.st_size)
+            room += allocated - st.st_size;
+    }
+    return room;
+}
+
+// Length of the package's text as a commit writes it, or -1.
+long long export_length(uci_context *ctx, uci_package *p)
+{
+    char *text = nullptr;
+    size_t length = 0;
+    FILE *f = open_memstream(&text, &length);
+    if (!f)
+        return -1;
+    const int rc = uci_export(ctx, f, p, false);
+    const bool closed = fclose(f) == 0;
+    free(text);
+    return rc == UCI_OK && closed ? static_cast<long long>(length) : -1;
+}
+
+// Length of the delta line a save of lookup appends: the lookup as it stands, each quote
+// written as four characters, and the line's quotes and end.
+size_t delta_line_length(const char *lookup)
+{
+    size_t n = strlen(lookup) + 4;
+    for (const char *c = lookup; *c; c++)
+        n += *c == '\'' ? 3 : 0;
+    return n;
+}
+
 // Loads the package of an already formatted lookup string into a fresh context
 // on confdir, then sets, saves and commits it. The lookup buffer is parsed in
 // place by libuci and must outlive the pointer, which it does here.
@@ -67,6 +110,8 @@ int set_and_commit(char *lookup, const char *package, const char *confdir, const
         return -1;
     }
 
+    // Measured before the lookup cuts the buffer into its parts.
+    const size_t line_length = delta_line_length(lookup);
     uci_ptr ptr;
     memset(&ptr, 0, sizeof ptr);
     if (uci_lookup_ptr(ctx.get(), &ptr, lookup, true) != UCI_OK) {
@@ -85,11 +130,34 @@ int set_and_commit(char *lookup, const char *package, const char *confdir, const
     snprintf(delta, sizeof delta, "%s.uci/%s", confdir, package);
     struct stat before;
     const bool had_delta = stat(delta, &before) == 0;
+    // The device's libuci does not check its writes: on a full file system a save leaves a
+    // broken line and says it succeeded, and a commit renames a cut-off file over the whole
+    // one and says so too (the registry would lose what it held). So neither is asked to
+    // write what the file system has no room for; the failure is reported as a failed write
+    // would be. Another writer may still take the room in between: a small window, where
+    // before every full file system was one.
+    char savedir[kSaveDirSize];
+    snprintf(savedir, sizeof savedir, "%s.uci", confdir);
+    const long long save_room = room_in(savedir, delta);
+    if (save_room >= 0 && save_room < static_cast<long long>(line_length)) {
+        CALLER_LOG_ERROR("uci_save != UCI_OK");
+        NMS_LOG_ALWAYS("cannot save a change of %s in %s.uci: %s", package, confdir,
+                       strerror(ENOSPC));
+        return -1;
+    }
     if (uci_save(ctx.get(), ptr.p) != UCI_OK) {
         CALLER_LOG_ERROR("uci_save != UCI_OK");
         NMS_LOG_ALWAYS("cannot save a change of %s in %s.uci: %s", package, confdir,
                        strerror(errno));
         cut_back(delta, had_delta ? before.st_size : 0);
+        return -1;
+    }
+    // The commit writes the whole package into a new file beside the old one.
+    const long long length = export_length(ctx.get(), ptr.p);
+    const long long room = room_in(confdir, nullptr);
+    if (length >= 0 && room >= 0 && room < length) {
+        CALLER_LOG_ERROR("uci_commit != UCI_OK");
+        NMS_LOG_ALWAYS("cannot write %s/%s: %s", confdir, package, strerror(ENOSPC));
         return -1;
     }
     // Without overwrite: the file is re-read and every saved change replayed

@@ -612,8 +612,11 @@ int save_impl(uci_context *ctx, uci_package *p)
     std::string file = savedir_file(ctx, p->e.name);
     UniqueFd fd(open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC,
                      file_mode_or(p->path, UCI_FILEMODE)));
-    if (!fd || !lock_fd(fd.get(), LOCK_EX) || !write_fd(fd.get(), lines))
+    if (!fd || !lock_fd(fd.get(), LOCK_EX))
         return UCI_ERR_IO;
+    // Upstream writes the lines through stdio and checks none of it: on a full file system
+    // the save leaves what fitted, a broken line included, and succeeds all the same.
+    (void)write_fd(fd.get(), lines);
     fd.reset();
     if (ctx->flags & UCI_FLAG_SAVED_DELTA) {
         uci_element *tmp;

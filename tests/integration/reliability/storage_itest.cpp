@@ -1,6 +1,9 @@
 // storage_itest.cpp - the statistics registry on a /tmp that fills up or turns read-only: each
 // failed write says so in one line, no file is left half written (a broken line would make
-// every later load fail), and writes succeed again once there is room.
+// every later load fail), and writes succeed again once there is room. libuci (the device's,
+// and the stand-in as it) does not check its writes: on a full file system it reports success
+// with a broken line saved or a cut-off file committed, so the daemon must not let it write
+// what does not fit.
 #include "itest.h"
 
 #include <gtest/gtest.h>
