@@ -126,8 +126,10 @@ int set_and_commit(char *lookup, const char *package, const char *confdir, const
     // the append can stop part way, and the broken line would make every later load of the
     // package fail: the registry could then never be written again. So what a failed save
     // added is cut off again, and the next write starts from whole lines.
+    char savedir[kSaveDirSize];
+    snprintf(savedir, sizeof savedir, "%s.uci", confdir);
     char delta[kSaveDirSize + 256];
-    snprintf(delta, sizeof delta, "%s.uci/%s", confdir, package);
+    snprintf(delta, sizeof delta, "%s/%s", savedir, package);
     struct stat before;
     const bool had_delta = stat(delta, &before) == 0;
     // The device's libuci does not check its writes: on a full file system a save leaves a
@@ -136,38 +138,36 @@ int set_and_commit(char *lookup, const char *package, const char *confdir, const
     // write what the file system has no room for; the failure is reported as a failed write
     // would be. Another writer may still take the room in between: a small window, where
     // before every full file system was one.
-    char savedir[kSaveDirSize];
-    snprintf(savedir, sizeof savedir, "%s.uci", confdir);
-    const long long save_room = room_in(savedir, delta);
-    if (save_room >= 0 && save_room < static_cast<long long>(line_length)) {
+    auto save_failed = [&](int err) {
         CALLER_LOG_ERROR("uci_save != UCI_OK");
         NMS_LOG_ALWAYS("cannot save a change of %s in %s.uci: %s", package, confdir,
-                       strerror(ENOSPC));
+                       strerror(err));
         return -1;
-    }
+    };
+    // A failed commit leaves the change saved: it goes into the file with the next commit
+    // that succeeds.
+    auto commit_failed = [&](int err) {
+        CALLER_LOG_ERROR("uci_commit != UCI_OK");
+        NMS_LOG_ALWAYS("cannot write %s/%s: %s", confdir, package, strerror(err));
+        return -1;
+    };
+    const long long save_room = room_in(savedir, delta);
+    if (save_room >= 0 && save_room < static_cast<long long>(line_length))
+        return save_failed(ENOSPC);
     if (uci_save(ctx.get(), ptr.p) != UCI_OK) {
-        CALLER_LOG_ERROR("uci_save != UCI_OK");
-        NMS_LOG_ALWAYS("cannot save a change of %s in %s.uci: %s", package, confdir,
-                       strerror(errno));
+        save_failed(errno);
         cut_back(delta, had_delta ? before.st_size : 0);
         return -1;
     }
     // The commit writes the whole package into a new file beside the old one.
     const long long length = export_length(ctx.get(), ptr.p);
     const long long room = room_in(confdir, nullptr);
-    if (length >= 0 && room >= 0 && room < length) {
-        CALLER_LOG_ERROR("uci_commit != UCI_OK");
-        NMS_LOG_ALWAYS("cannot write %s/%s: %s", confdir, package, strerror(ENOSPC));
-        return -1;
-    }
+    if (length >= 0 && room >= 0 && room < length)
+        return commit_failed(ENOSPC);
     // Without overwrite: the file is re-read and every saved change replayed
     // onto it, so changes of other writers since our load are kept.
-    if (uci_commit(ctx.get(), &ptr.p, false) != UCI_OK) {
-        CALLER_LOG_ERROR("uci_commit != UCI_OK");
-        // The change stays saved and goes into the file with the next commit that succeeds.
-        NMS_LOG_ALWAYS("cannot write %s/%s: %s", confdir, package, strerror(errno));
-        return -1;
-    }
+    if (uci_commit(ctx.get(), &ptr.p, false) != UCI_OK)
+        return commit_failed(errno);
     return 0;
 }
 
